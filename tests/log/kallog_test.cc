@@ -1,0 +1,223 @@
+#include "log/kallog.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <ctime>
+#include <string>
+
+#include "base/clock.h"
+#include "base/paths.h"
+#include "test_support.h"
+
+using namespace kal;
+using namespace kal::test;
+using ::testing::HasSubstr;
+using ::testing::Not;
+
+namespace {
+
+class KallogTest : public ::testing::Test {
+  protected:
+    void SetUp() override { set_clock(&clock_); }
+    void TearDown() override { set_clock(nullptr); }
+
+    std::string log_path() const { return log_dir() + "/KALDeviceMaster"; }
+    std::string log_text() const { return read_file(log_path()); }
+    void write_level_file(const std::string& bytes) { write_file(debuglevel_path(), bytes); }
+
+    TempRoot root_;
+    ManualClock clock_{time(nullptr)};
+};
+
+TEST_F(KallogTest, ThresholdFileIsABinaryByteNotADigit) {
+    write_level_file("5");  // the character '5' is byte 53: out of range
+    kallogregister("KALDeviceMaster");
+    EXPECT_EQ(kalgetcurrentloglevel(), 7u);
+    EXPECT_THAT(log_text(), HasSubstr("kallog: read bad level char 53 from " + debuglevel_path()));
+}
+
+TEST_F(KallogTest, ThresholdByteFiveMeansNotice) {
+    write_level_file(std::string(1, '\x05'));
+    kallogregister("KALDeviceMaster");
+    EXPECT_EQ(kalgetcurrentloglevel(), 5u);
+    kallog(KAL_INFO, "info is dropped");
+    kallog(KAL_NOTICE, "notice is kept");
+    EXPECT_THAT(log_text(), Not(HasSubstr("info is dropped")));
+    EXPECT_THAT(log_text(), HasSubstr("] NOTICE: notice is kept\n"));
+}
+
+TEST_F(KallogTest, EmptyThresholdFileIsReportedAndChangesNothing) {
+    write_level_file("");
+    kallogregister("KALDeviceMaster");
+    EXPECT_EQ(kalgetcurrentloglevel(), 7u);
+    EXPECT_THAT(log_text(), HasSubstr("kallog: read bad level char -1 from "));
+}
+
+TEST_F(KallogTest, DefaultThresholdKeepsDebugAndDropsDevel) {
+    kallogregister("KALDeviceMaster");
+    kallog(KAL_DEBUG, "debug %d", 1);
+    kallog(KAL_DEVEL, "devel %d", 2);
+    EXPECT_THAT(log_text(), HasSubstr("] DEBUG: debug 1\n"));
+    EXPECT_THAT(log_text(), Not(HasSubstr("devel 2")));
+}
+
+TEST_F(KallogTest, ForcedevelMarkerOverridesEveryLevelChange) {
+    write_file(forcedevel_marker(), "");
+    write_level_file(std::string(1, '\x03'));
+    kallogregister("KALDeviceMaster");
+    EXPECT_EQ(kalgetcurrentloglevel(), 8u);
+    kalsetcurrentloglevel(3);
+    EXPECT_EQ(kalgetcurrentloglevel(), 8u);
+    EXPECT_THAT(log_text(), HasSubstr("===== DEBUG LEVEL SET TO DEVEL ====="));
+}
+
+TEST_F(KallogTest, OutOfRangeLevelIsStoredAndNamedUnknown) {
+    kallogregister("KALDeviceMaster");
+    kalsetcurrentloglevel(12);
+    EXPECT_EQ(kalgetcurrentloglevel(), 12u);
+    kallog(KAL_DEVEL, "devel kept");
+    kallog(-1, "negative level");
+    const std::string text = log_text();
+    EXPECT_THAT(text, HasSubstr("===== DEBUG LEVEL SET TO UNKNOWN ====="));
+    EXPECT_THAT(text, HasSubstr("] DEVEL: devel kept\n"));
+    EXPECT_THAT(text, HasSubstr("] UNKNOWN: negative level\n"));
+}
+
+TEST_F(KallogTest, HeaderNamesVersionPathAndLevel) {
+    kallogregister("KALDeviceMaster");
+    kallogversion("QZ4.0.5 BD1.0.7 Oct  6 2006 15:57:48");
+    kallog(KAL_NOTICE, "Hello, World!");
+    const std::string text = log_text();
+    EXPECT_THAT(text,
+                HasSubstr("KALDeviceMaster(QZ4.0.5 BD1.0.7 Oct  6 2006 15:57:48) started at "));
+    EXPECT_THAT(text, HasSubstr("Now beginning to log to file " + log_path() + ". Next roll at "));
+    EXPECT_THAT(text, HasSubstr("Debug level is DEBUG.fd="));
+    EXPECT_THAT(text, HasSubstr("KALDeviceMaster[" + std::to_string(getpid()) +
+                                "] NOTICE: Hello, World!\n"));
+}
+
+TEST_F(KallogTest, SizeRollHappensAtFiveMillionBytesNotBefore) {
+    make_dirs(log_dir());
+    write_file(log_path(), std::string(4999999, 'x'));
+    kallogregister("KALDeviceMaster");
+    kallog(KAL_NOTICE, "first");
+    EXPECT_EQ(list_dir(log_dir()), std::vector<std::string>{"KALDeviceMaster"});
+    EXPECT_THAT(log_text(), HasSubstr("] NOTICE: first\n"));
+}
+
+TEST_F(KallogTest, SizeRollOfExactlyFiveMillionBytes) {
+    make_dirs(log_dir());
+    write_file(log_path(), std::string(5000000, 'x'));
+    kallogregister("KALDeviceMaster");
+    kallog(KAL_NOTICE, "first");
+    const std::string rolled =
+        log_path() + "." + std::to_string(clock_.now()) + "." + std::to_string(getpid());
+    ASSERT_TRUE(file_exists(rolled));
+    // Only the lines we appended: the old content is 5 MB of filler.
+    const std::string tail = read_file(rolled).substr(5000000);
+    EXPECT_THAT(tail, HasSubstr("Large existing log at " + log_path() +
+                                " (5000000 > 5000000). Starting a new one."));
+    EXPECT_THAT(tail, HasSubstr("Saving old logfile as " + rolled));
+    EXPECT_THAT(log_text(), HasSubstr("] NOTICE: first\n"));
+    EXPECT_LT(log_text().size(), 4096u);
+}
+
+TEST_F(KallogTest, MidnightRollRenamesToTimeAndPid) {
+    // Start a minute before the next local midnight.
+    time_t now = time(nullptr);
+    struct tm tm {};
+    localtime_r(&now, &tm);
+    tm.tm_hour = 23;
+    tm.tm_min = 59;
+    tm.tm_sec = 0;
+    clock_.set(mktime(&tm));
+
+    kallogregister("KALDeviceMaster");
+    kallog(KAL_NOTICE, "before midnight");
+    clock_.advance(59);
+    kallog(KAL_NOTICE, "still before");
+    EXPECT_EQ(list_dir(log_dir()).size(), 1u);
+
+    clock_.advance(2);  // 00:00:01
+    kallog(KAL_NOTICE, "after midnight");
+    const std::string rolled =
+        log_path() + "." + std::to_string(clock_.now()) + "." + std::to_string(getpid());
+    ASSERT_TRUE(file_exists(rolled));
+    EXPECT_THAT(read_file(rolled), HasSubstr("still before"));
+    EXPECT_THAT(read_file(rolled), Not(HasSubstr("after midnight")));
+    const std::string fresh = log_text();
+    EXPECT_THAT(fresh, HasSubstr("Now beginning to log to file"));
+    EXPECT_THAT(fresh, HasSubstr("after midnight"));
+}
+
+TEST_F(KallogTest, UncreatableLogDirectoryFallsBackWithoutFailing) {
+    // var/tmp is a plain file: the log directory cannot be made below it.
+    std::string vartmp = root_.path() + "/var/tmp";
+    rmdir(vartmp.c_str());
+    write_file(vartmp, "not a directory");
+    kallogregister("KALDeviceMaster");
+    kallog(KAL_WARN, "still logging");
+    kallog(KAL_NOTICE, "and again");
+    EXPECT_FALSE(file_exists(log_path()));
+}
+
+TEST_F(KallogTest, PlantedSymlinkIsNotFollowed) {
+    make_dirs(log_dir());
+    const std::string victim = root_.path() + "/victim";
+    write_file(victim, "precious\n");
+    ASSERT_EQ(symlink(victim.c_str(), log_path().c_str()), 0);
+    kallogregister("KALDeviceMaster");
+    kallog(KAL_ERR, "must not land in the victim");
+    EXPECT_EQ(read_file(victim), "precious\n");
+}
+
+TEST_F(KallogTest, SigvecSwitchInstallsUsr1HandlerOnce) {
+    struct sigaction before {};
+    sigaction(SIGUSR1, nullptr, &before);
+    kallogregister("KALDeviceMaster");
+    struct sigaction after {};
+    sigaction(SIGUSR1, nullptr, &after);
+    EXPECT_EQ(after.sa_handler, before.sa_handler);
+
+    enable_kallog_sigvec = 1;
+    kallogregister("KALDeviceMaster");
+    EXPECT_EQ(enable_kallog_sigvec, 0);
+    sigaction(SIGUSR1, nullptr, &after);
+    EXPECT_NE(after.sa_handler, SIG_DFL);
+
+    // The handler defers the reload to the next message.
+    write_level_file(std::string(1, '\x04'));
+    raise(SIGUSR1);
+    kallog(KAL_ERR, "after usr1");
+    EXPECT_EQ(kalgetcurrentloglevel(), 4u);
+    EXPECT_THAT(log_text(), HasSubstr("requested asynchronously by previous sighup"));
+}
+
+TEST_F(KallogTest, VomitMarkerEchoesToProtectedStderr) {
+    make_dirs(log_dir());
+    write_file(vomit_marker(), "");
+    const std::string captured = root_.path() + "/stderr.txt";
+    int saved = dup(2);
+    FILE* f = freopen(captured.c_str(), "w", stderr);
+    ASSERT_NE(f, nullptr);
+    kallogregister("KALDeviceMaster");
+    kallog(KAL_INFO, "echoed info");
+    kal_save_stderr();
+    kallog(KAL_INFO, "through the protected copy");
+    kal_restore_stderr();
+    fflush(stderr);
+    dup2(saved, 2);
+    close(saved);
+    const std::string text = read_file(captured);
+    EXPECT_THAT(
+        text,
+        HasSubstr(".vomit detected... will print logs at current log level which is 7-DEBUG"));
+    EXPECT_THAT(text, HasSubstr("] INFO: echoed info\n"));
+    EXPECT_THAT(text, HasSubstr("] INFO: through the protected copy\n"));
+}
+
+}  // namespace

@@ -1,0 +1,139 @@
+#include "test_support.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+#include <thread>
+
+#include "base/paths.h"
+
+namespace kal::test {
+
+TempRoot::TempRoot() {
+    // Inside the build tree, so an aborted run leaves nothing in /tmp.
+    std::string templ = std::string(KAL_TEST_TMP) + "/kalroot.XXXXXX";
+    if (!mkdtemp(templ.data()))
+        throw std::runtime_error("mkdtemp failed");
+    path_ = templ;
+    setenv("KAL_ROOT", path_.c_str(), 1);
+    make_dirs(path_ + "/var/tmp");
+    make_dirs(kal::resources_dir());
+}
+
+TempRoot::~TempRoot() {
+    unsetenv("KAL_ROOT");
+    std::error_code ec;
+    std::filesystem::remove_all(path_, ec);
+}
+
+std::string TempRoot::daemon_log() const {
+    return kal::log_dir() + "/KALDeviceMaster";
+}
+
+std::string read_file(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::stringstream ss;
+    ss << in.rdbuf();
+    return ss.str();
+}
+
+void write_file(const std::string& path, const std::string& content, unsigned mode) {
+    {
+        std::ofstream out(path, std::ios::binary | std::ios::trunc);
+        out << content;
+    }
+    ::chmod(path.c_str(), mode);
+}
+
+bool file_exists(const std::string& path) {
+    struct stat st;
+    return ::lstat(path.c_str(), &st) == 0;
+}
+
+std::vector<std::string> list_dir(const std::string& dir) {
+    std::vector<std::string> names;
+    std::error_code ec;
+    for (const auto& e : std::filesystem::directory_iterator(dir, ec))
+        names.push_back(e.path().filename().string());
+    return names;
+}
+
+void make_dirs(const std::string& path) {
+    std::filesystem::create_directories(path);
+}
+
+bool wait_for(const std::function<bool()>& cond, std::chrono::milliseconds deadline) {
+    auto end = std::chrono::steady_clock::now() + deadline;
+    while (!cond()) {
+        if (std::chrono::steady_clock::now() >= end)
+            return false;
+        std::this_thread::sleep_for(5ms);
+    }
+    return true;
+}
+
+std::string bin_path(const std::string& name) {
+    return std::string(KAL_TEST_BIN_DIR) + "/" + name;
+}
+
+ChildProcess::ChildProcess(const std::vector<std::string>& argv,
+                           const std::vector<std::string>& env, const std::string& stderr_file) {
+    pid_ = fork();
+    if (pid_ < 0)
+        throw std::runtime_error("fork failed");
+    if (pid_ == 0) {
+        for (const auto& kv : env)
+            putenv(const_cast<char*>(kv.c_str()));
+        if (!stderr_file.empty()) {
+            int fd = ::open(stderr_file.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+            if (fd >= 0)
+                dup2(fd, 2);
+        }
+        sigset_t none;
+        sigemptyset(&none);
+        sigprocmask(SIG_SETMASK, &none, nullptr);
+        std::vector<char*> args;
+        for (const auto& a : argv)
+            args.push_back(const_cast<char*>(a.c_str()));
+        args.push_back(nullptr);
+        execv(args[0], args.data());
+        _exit(127);
+    }
+}
+
+ChildProcess::~ChildProcess() {
+    if (!reaped_ && pid_ > 0) {
+        ::kill(pid_, SIGKILL);
+        waitpid(pid_, nullptr, 0);
+    }
+}
+
+void ChildProcess::signal(int sig) const {
+    ::kill(pid_, sig);
+}
+
+int ChildProcess::wait_exit(std::chrono::milliseconds deadline) {
+    int status = -1;
+    bool done = wait_for(
+        [&] {
+            pid_t r = waitpid(pid_, &status, WNOHANG);
+            return r == pid_;
+        },
+        deadline);
+    if (!done)
+        return -1;
+    reaped_ = true;
+    return status;
+}
+
+}  // namespace kal::test

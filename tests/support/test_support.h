@@ -1,0 +1,65 @@
+#pragma once
+
+// Shared helpers for the test suites: a private KAL_ROOT, files, child
+// processes and waiting on conditions with a deadline (never a bare sleep).
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace kal::test {
+
+using namespace std::chrono_literals;
+
+// A private root tree with var/tmp and the resources directory, exported as
+// KAL_ROOT for as long as the object lives; removed afterwards.
+class TempRoot {
+  public:
+    TempRoot();
+    ~TempRoot();
+    TempRoot(const TempRoot&) = delete;
+    TempRoot& operator=(const TempRoot&) = delete;
+
+    const std::string& path() const { return path_; }
+    // The current log file of the daemon ("KALDeviceMaster").
+    std::string daemon_log() const;
+
+  private:
+    std::string path_;
+};
+
+std::string read_file(const std::string& path);
+void write_file(const std::string& path, const std::string& content, unsigned mode = 0644);
+bool file_exists(const std::string& path);
+std::vector<std::string> list_dir(const std::string& dir);
+void make_dirs(const std::string& path);
+
+// Polls `cond` until it holds or `deadline` passes; true when it held.
+bool wait_for(const std::function<bool()>& cond, std::chrono::milliseconds deadline = 20s);
+
+// A program built with the project (daemon, simulator, kalctl).
+std::string bin_path(const std::string& name);
+
+// A child process started with the current environment plus `env`.
+class ChildProcess {
+  public:
+    ChildProcess(const std::vector<std::string>& argv, const std::vector<std::string>& env = {},
+                 const std::string& stderr_file = "");
+    ~ChildProcess();
+    ChildProcess(const ChildProcess&) = delete;
+    ChildProcess& operator=(const ChildProcess&) = delete;
+
+    pid_t pid() const { return pid_; }
+    void signal(int sig) const;
+    // Waits for the exit; returns the wait status, or -1 after the deadline.
+    int wait_exit(std::chrono::milliseconds deadline = 20s);
+
+  private:
+    pid_t pid_ = -1;
+    bool reaped_ = false;
+};
+
+}  // namespace kal::test
