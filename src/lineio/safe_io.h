@@ -1,0 +1,29 @@
+#pragma once
+
+// Descriptor transfers that survive interruptions and non-blocking
+// descriptors, reads that stop at a stop byte or a timeout, the
+// length-prefixed framing of the line-monitor protocol, and a debugging tap.
+//
+// safe_read's timeout selects a mode:
+//    1   wait up to 0.25 s for readability first (the callers' short poll)
+//   >=0  (other) wait up to that many seconds first; 0 polls
+//   -1   no wait; a read of 0 bytes ends the call
+//   -2   no wait; keep reading until `length` bytes have arrived
+//   <-2  before every read, wait up to |timeout| seconds
+// Each descriptor is used by one thread at a time.
+
+#include <sys/types.h>
+
+#include <cstddef>
+
+// An excess above this is treated as an allocation failure: a hostile
+// length must never make the daemon wait for gigabytes.
+inline constexpr size_t kDmpMaxExcess = 16u * 1024 * 1024;
+
+void safe_writetap(int srcfd, int destfd);
+ssize_t safe_write(int fd, const void* buffer, size_t length);
+const char* mempbrk(const char* buffer, size_t length, const char* stops);
+ssize_t dmp_write(int fd, const void* buffer, size_t length);
+ssize_t safe_read(int fd, void* buffer, size_t length, const char* stops, int timeout);
+ssize_t dmp_read(int fd, void* buffer, size_t size, int timeout);
+ssize_t safe_cleanread(int fd, char* buffer, size_t size, const char* stops, int timeout);
