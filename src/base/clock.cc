@@ -10,7 +10,8 @@ class SystemClock final : public Clock {
     time_t now() const override { return ::time(nullptr); }
 };
 
-SystemClock g_system_clock;
+// Never destroyed: detached threads may read the time while exit() runs.
+SystemClock& g_system_clock = *new SystemClock;
 std::atomic<Clock*> g_clock{&g_system_clock};
 
 }  // namespace
