@@ -14,7 +14,7 @@
 #include <string>
 #include <vector>
 
-class Node;
+class LineNode;
 
 enum QlxStatus : int {
     QLX_STATUS_NEW = 0,        // made by discovery, no child yet
@@ -39,7 +39,7 @@ struct qlx {
     std::optional<std::string> pendingDial;       // a dial waiting for the line
     std::optional<std::string> pendingDialToken;  // its client's callback token
     int deviceType = 0;                           // 1 or 2: which line-monitor program
-    std::shared_ptr<Node> node;                   // the attached call-handling node
+    std::shared_ptr<LineNode> node;               // the attached call-handling node
     int nodeType = 0;
 };
 
