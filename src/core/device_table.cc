@@ -13,6 +13,9 @@
 std::vector<qlx>& gLines = *new std::vector<qlx>;
 int gLinecount = 0;
 int gSystemState = kSystemRunning;
+std::optional<std::string>& gWildcardDialPending = *new std::optional<std::string>;
+std::optional<std::string>& gWildcardDialToken = *new std::optional<std::string>;
+int gMustRescan = 0;
 
 namespace {
 std::mutex device_table_mutex;  // gLines, gLinecount and every record field

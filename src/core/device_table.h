@@ -47,6 +47,14 @@ struct qlx {
 extern std::vector<qlx>& gLines;
 extern int gLinecount;
 
+// A dial waiting for whichever line goes off hook first: its number and its
+// client's token (device-table lock).
+extern std::optional<std::string>& gWildcardDialPending;
+extern std::optional<std::string>& gWildcardDialToken;
+
+// Set when the supervisor reaped a child of a known line.
+extern int gMustRescan;
+
 // System state: 0 running, 1 shutting down, 2 asleep (system-state lock).
 enum SystemState : int { kSystemRunning = 0, kSystemShuttingDown = 1, kSystemAsleep = 2 };
 extern int gSystemState;

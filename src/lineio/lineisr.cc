@@ -1,0 +1,256 @@
+#include "lineio/lineisr.h"
+
+#include <poll.h>
+#include <pthread.h>
+#include <signal.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <memory>
+#include <optional>
+#include <utility>
+#include <vector>
+
+#include "base/fatal.h"
+#include "core/device_table.h"
+#include "core/line_node.h"
+#include "core/rescan.h"
+#include "lineio/intrapc.h"
+#include "lineio/protocol.h"
+#include "lineio/request_queue.h"
+#include "lineio/safe_io.h"
+#include "log/kallog.h"
+#include "service/notifier.h"
+
+using namespace kal;
+
+namespace {
+
+int descriptor_table_size() {
+    struct rlimit rl {};
+    if (getrlimit(RLIMIT_NOFILE, &rl) == 0 && rl.rlim_cur != RLIM_INFINITY)
+        return static_cast<int>(rl.rlim_cur);
+    return 1024;
+}
+
+void* lineisr_main(void*) {
+    kallog(KAL_DEBUG, "LineISR thread started. Hello, World!");
+    FdBounds bounds = calc_fdbounds();
+    kallog(KAL_DEBUG,
+           "LineISR: Initial check reveals maxfd=%d and minqlxfd=%d. Starting event loop.",
+           bounds.maxfd, bounds.minqlxfd);
+    for (;;)
+        lineisr_pass(bounds);
+    return nullptr;
+}
+
+}  // namespace
+
+void start_lineisr() {
+    kallog(KAL_DEBUG, "Adding lineisr thread");
+    pthread_t tid;
+    int rc = pthread_create(&tid, nullptr, lineisr_main, nullptr);
+    if (rc != 0) {
+        kallog(KAL_ERR, "Couldn't create lineisr thread. Quitting. (%d-%s)", rc, strerror(rc));
+        dm_exit(1);
+    }
+    pthread_detach(tid);
+}
+
+FdBounds calc_fdbounds() {
+    FdBounds b{0, descriptor_table_size()};
+    lock_device_table(0);
+    for (int i = 0; i < gLinecount; ++i) {
+        if (gLines[i].status != QLX_STATUS_UP)
+            continue;
+        if (gLines[i].fd > b.maxfd)
+            b.maxfd = gLines[i].fd;
+        if (gLines[i].fd < b.minqlxfd)
+            b.minqlxfd = gLines[i].fd;
+    }
+    unlock_device_table();
+    if (lmthread_babymonitor_socket_private > b.maxfd)
+        b.maxfd = lmthread_babymonitor_socket_private;
+    if (lmthread_userisr_socket_private > b.maxfd)
+        b.maxfd = lmthread_userisr_socket_private;
+    return b;
+}
+
+void lineisr_pass(FdBounds& bounds) {
+    // poll() in place of select(): same bounds, no FD_SETSIZE limit. A child
+    // socket above maxfd waits for the next rescan to be watched.
+    std::vector<pollfd> fds;
+    fds.push_back({lmthread_babymonitor_socket_private, POLLIN, 0});
+    fds.push_back({lmthread_userisr_socket_private, POLLIN, 0});
+    lock_device_table(0);
+    for (int i = 0; i < gLinecount; ++i) {
+        const int fd = gLines[i].fd;
+        if (gLines[i].status == QLX_STATUS_UP && fd >= 0 && fd <= bounds.maxfd)
+            fds.push_back({fd, POLLIN, 0});
+    }
+    unlock_device_table();
+
+    int ready = poll(fds.data(), fds.size(), -1);
+    if (ready < 0) {
+        int e = errno;
+        if (e == EINTR) {
+            kallog(KAL_DEBUG, "LineISR: EINTR from select. Continuing.");
+            return;
+        }
+        kallog(KAL_ERR, "LineISR: Error from select. Quitting. (%d-%s)", e, strerror(e));
+        dm_exit(1);
+    }
+    if (ready == 0)
+        return;
+    // A closed descriptor (poll's counterpart of select's EBADF): the
+    // supervisor and the next rescan clean it up.
+    for (const auto& p : fds) {
+        if (p.revents & POLLNVAL) {
+            kallog(KAL_DEBUG, "LineISR: EBADF from select. Assuming babymonitor will help.");
+            sleep(1);
+            return;
+        }
+    }
+
+    if (fds[0].revents) {
+        kallog(KAL_DEBUG, "LineISR: Caught flag from babymonitor.");
+        char drain[4096];
+        if (read(lmthread_babymonitor_socket_private, drain, sizeof drain) < 0) {
+            int e = errno;
+            kallog(KAL_ERR, "LineISR: Error draining babymonitor signal. Quitting. (%d-%s)", e,
+                   strerror(e));
+            dm_exit(1);
+        }
+        do_rescan();
+        bounds = calc_fdbounds();
+        kallog(KAL_DEBUG,
+               "LineISR: Check after rescan reveals maxfd=%d. Lowest numbered QLX is %d. "
+               "Restarting event loop.",
+               bounds.maxfd, bounds.minqlxfd);
+        return;
+    }
+    if (fds[1].revents) {
+        kallog(KAL_DEBUG, "LineISR: Caught flag from UserISR.");
+        char byte;
+        if (read(lmthread_userisr_socket_private, &byte, 1) < 0) {
+            int e = errno;
+            kallog(KAL_ERR, "LineISR: Error draining UserISR signal. Quitting. (%d-%s)", e,
+                   strerror(e));
+            dm_exit(1);
+        }
+        service_userisr();
+        return;
+    }
+    std::vector<int> ready_fds;
+    for (size_t i = 2; i < fds.size(); ++i)
+        if (fds[i].revents)
+            ready_fds.push_back(fds[i].fd);
+    std::sort(ready_fds.begin(), ready_fds.end());
+    for (int fd : ready_fds)
+        service_lineisr(fd);
+}
+
+void service_lineisr(int fd) {
+    lock_device_table(0);
+    int index = -1;
+    for (int i = 0; i < gLinecount; ++i) {
+        if (gLines[i].fd == fd) {
+            index = i;
+            break;
+        }
+    }
+    if (index < 0) {
+        kallog(KAL_ERR,
+               "Message received on linefd %d but no such fd in devicetable... ignoring message.",
+               fd);
+        unlock_device_table();
+        return;
+    }
+    kallog(KAL_DEVEL, "Message received from QLX%d.", index);
+    // One spare byte keeps even a full 4096-byte payload NUL-terminated.
+    char buffer[lm::kEventBufferSize + 1] = {};
+    const ssize_t n = dmp_read(fd, buffer, lm::kEventBufferSize, -1);
+    if (n < 0) {
+        int e = errno;
+        kallog(KAL_ERR, "LineISR: Error draining QLX%d signal. Quitting. (%d-%s)", index, e,
+               strerror(e));
+        unlock_device_table();
+        dm_exit(1);
+    }
+    const int length = static_cast<int>(n);
+    kallog(KAL_DEBUG, "Read %d bytes from QLX%d: '%s'", length, index, buffer);
+    if (length == 0) {
+        kallog(KAL_ERR, "Read EOF from QLX%d. Killing child process.", index);
+        kill_qlx(index, SIGHUP);
+        unlock_device_table();
+        return;
+    }
+    char serial[80] = {};
+    strncpy(serial, gLines[index].serial.c_str(), sizeof serial - 1);
+
+    // Held across the calls, so a node that detaches itself inside its
+    // handler stays alive until we are done with it.
+    std::shared_ptr<LineNode> node = gLines[index].node;
+    unlock_device_table();
+    bool rehandle = false;
+    if (node) {
+        kallog(KAL_DEVEL, "Dispatching event to node %p", static_cast<void*>(node.get()));
+        const int result = node->handleEventWithBuffer(buffer, length, index, serial);
+        if (result == kNodeRehandle) {
+            kallog(KAL_DEBUG,
+                   "Event dispatched to node %p. Node wants to rehandle it. Not releasing in "
+                   "line_isr",
+                   static_cast<void*>(node.get()));
+            rehandle = true;
+        } else {
+            kallog(KAL_DEVEL, "Event dispatched to node %p. Now releasing in line_isr",
+                   static_cast<void*>(node.get()));
+            if (result != kNodePassOn)
+                return;
+        }
+    }
+    handle_qlx_message(buffer, length, index, serial);
+    react_to_qlx_message(buffer, length, index, serial);
+    if (rehandle) {
+        kallog(KAL_DEBUG, "Asking node %p to re-handle event. Releasing after.",
+               static_cast<void*>(node.get()));
+        node->rehandleEventWithBuffer(buffer, length, index, serial);
+    }
+}
+
+void react_to_qlx_message(const char* buffer, int length, int index, const char*) {
+    if (length < 1 || buffer[0] != lm::kEvtOffHook)
+        return;
+    std::optional<std::string> dial, token;
+    std::string serial;
+    lock_device_table(1);
+    if (index >= 0 && index < gLinecount) {
+        qlx& rec = gLines[index];
+        if (rec.pendingDial) {
+            dial = std::exchange(rec.pendingDial, std::nullopt);
+            token = std::exchange(rec.pendingDialToken, std::nullopt);
+            serial = rec.serial;
+        } else if (gWildcardDialPending) {
+            if (rec.node) {
+                kallog(KAL_DEBUG, "Not doing dial on QLX%d because a node is active on that line.",
+                       index);
+            } else {
+                dial = std::exchange(gWildcardDialPending, std::nullopt);
+                token = std::exchange(gWildcardDialToken, std::nullopt);
+                serial = rec.serial;
+            }
+        }
+    }
+    unlock_device_table();
+    if (!dial)
+        return;
+    auto todo = std::make_unique<lm_todo>();
+    todo->type = REQ_DIAL;
+    todo->data = std::move(*dial);
+    todo->token = std::move(token);
+    todo->serial = std::move(serial);
+    add_todo(std::move(todo));
+}

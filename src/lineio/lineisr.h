@@ -1,0 +1,27 @@
+#pragma once
+
+// The line event thread: the only reader of line-monitor messages and the
+// only writer of commands to them. It waits on every running child's socket
+// and on the two wake-up pipes, and within one pass gives a rescan request
+// priority over a queued request, and both over line events (served in
+// ascending descriptor order).
+
+// Starts the thread; a failure ends the daemon.
+void start_lineisr();
+
+// The descriptor bounds the loop watches: the highest descriptor, and the
+// lowest child socket (the descriptor-table size when no line is up).
+struct FdBounds {
+    int maxfd;
+    int minqlxfd;
+};
+FdBounds calc_fdbounds();
+
+// Handles one message from the line monitor on `fd`.
+void service_lineisr(int fd);
+
+// Starts a dial that waits for this line (or any line) going off hook.
+void react_to_qlx_message(const char* buffer, int length, int index, const char* serial);
+
+// One pass of the loop (exposed so tests can run passes on their own thread).
+void lineisr_pass(FdBounds& bounds);

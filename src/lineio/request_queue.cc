@@ -1,0 +1,144 @@
+#include "lineio/request_queue.h"
+
+#include <signal.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <deque>
+
+#include "core/device_table.h"
+#include "lineio/intrapc.h"
+#include "lineio/protocol.h"
+#include "lineio/safe_io.h"
+#include "log/kallog.h"
+#include "service/notifier.h"
+#include "service/vocabulary.h"
+
+using namespace kal;
+
+namespace {
+
+// Guarded by the intra-process lock.
+std::deque<std::unique_ptr<lm_todo>>& todo_queue = *new std::deque<std::unique_ptr<lm_todo>>;
+
+int find_by_serial(const std::string& serial) {
+    for (int i = 0; i < gLinecount; ++i)
+        if (gLines[i].serial == serial)
+            return i;
+    return -1;
+}
+
+// The command for `t`, or nullopt (after logging the discard) when it
+// cannot be sent to adapter `index` (-1: unknown serial).
+std::optional<std::string> build_command(const lm_todo& t, int index) {
+    const bool known = index >= 0;
+    auto discard = [&](const char* what) -> std::optional<std::string> {
+        kallog(KAL_WARN, "Discarding %s request for non-existent serial number %s", what,
+               t.serial.c_str());
+        return std::nullopt;
+    };
+    switch (t.type) {
+        case REQ_DIAL: {
+            if (!known) {
+                notify_cmd_failure(t.token.value_or(""), kal_ResponseCode_ERR_NoResource, t.serial);
+                return std::nullopt;
+            }
+            std::string cmd = lm::cmd_dial(t.data);
+            kallog(KAL_DEBUG, "Sending dial command to QLX%d: %s", index, cmd.c_str());
+            const std::string& serial = gLines[index].serial;
+            notify_dial_success(t.token.value_or(""), t.data, serial);
+            report_autodialed_digits(t.token.value_or(""), t.data, serial);
+            return cmd;
+        }
+        case REQ_CALL:
+            if (!known)
+                return discard("call");
+            kallog(KAL_DEBUG, "Sending call request to QLX%d", index);
+            return std::string(1, lm::kCmdCall) + t.data;
+        case REQ_PLAY:
+        case REQ_RECORD:
+            if (!known)
+                return discard("play/record");
+            kallog(KAL_DEBUG,
+                   t.type == REQ_PLAY ? "Sending playback command to QLX%d"
+                                      : "Sending record command to QLX%d",
+                   index);
+            return std::string(1, t.type == REQ_PLAY ? lm::kCmdPlay : lm::kCmdRecord) + t.data;
+        case REQ_HANGUP:
+            if (!known)
+                return discard("hangup");
+            kallog(KAL_DEBUG, "Sending hangup command to QLX%d", index);
+            return lm::cmd_hangup();
+        case REQ_CANCEL_AUDIO:
+            if (!known)
+                return discard("audio cancel");
+            kallog(KAL_DEBUG, "Sending audio cancel command to QLX%d", index);
+            return lm::cmd_cancel_audio();
+        case REQ_SET_DEADMAN:
+            if (!known)
+                return discard("timeout extension");
+            kallog(KAL_DEBUG, "Sending set-deadman command to QLX%d", index);
+            return lm::cmd_deadman(t.deadman);
+        case REQ_BEEP:
+            if (!known)
+                return discard("beep");
+            kallog(KAL_DEBUG, "Sending beep command to QLX%d", index);
+            return lm::cmd_beep(t.value);
+        case REQ_TRV:
+            if (!known)
+                return discard("TRV");
+            kallog(KAL_DEBUG, "Sending TRV command with vls=%d to QLX%d for %s", t.value, index,
+                   t.data.c_str());
+            return lm::cmd_trv(t.value, t.data);
+        default:
+            kallog(KAL_WARN, "Ignoring unknown userisr request code %d.", t.type);
+            return std::nullopt;
+    }
+}
+
+}  // namespace
+
+void add_todo(std::unique_ptr<lm_todo> todo) {
+    lock_intrapc();
+    todo_queue.push_back(std::move(todo));
+    ssize_t n = write(lmthread_userisr_socket_public, "@", 1);
+    if (n != 1) {
+        int e = errno;
+        kallog(KAL_WARN,
+               "Couldn't wake up linemonitor service thread for userisr. Write returned %d. "
+               "(%d-%s). Not quitting and not trying again.",
+               static_cast<int>(n), e, strerror(e));
+    }
+    unlock_intrapc();
+}
+
+int queued_todo_count() {
+    lock_intrapc();
+    int n = static_cast<int>(todo_queue.size());
+    unlock_intrapc();
+    return n;
+}
+
+void service_userisr() {
+    lock_intrapc();
+    if (todo_queue.empty()) {
+        kallog(KAL_WARN, "LineISR: Signalled to check UserISR queue, but it's empty! Continuing.");
+        unlock_intrapc();
+        return;
+    }
+    std::unique_ptr<lm_todo> todo = std::move(todo_queue.front());
+    todo_queue.pop_front();
+    unlock_intrapc();
+
+    lock_device_table(0);
+    const int index = find_by_serial(todo->serial);
+    if (auto cmd = build_command(*todo, index)) {
+        const ssize_t written = dmp_write(gLines[index].fd, cmd->data(), cmd->size());
+        if (written != static_cast<ssize_t>(cmd->size())) {
+            kallog(KAL_WARN, "Error on write to line monitor. Trying to kill line monitor");
+            kill_qlx(index, SIGHUP);
+        }
+    }
+    unlock_device_table();
+}
