@@ -1,0 +1,145 @@
+#include "core/discovery.h"
+
+#include <cerrno>
+#include <cstring>
+#include <new>
+#include <string>
+
+#include "core/hotplug.h"
+#include "core/udev_handles.h"
+#include "log/kallog.h"
+
+// The log texts name the calls of the platform this daemon was first written
+// for; they are kept so that logs read the same everywhere.
+
+using namespace kal;
+
+namespace {
+
+const char* text_or_null(const char* s) {
+    return s ? s : "(null)";
+}
+
+// The facts discovery looked at, for the DEBUG lines.
+std::string describe_port(udev_device* tty, udev_device* usb) {
+    std::string text = "{syspath=";
+    text += text_or_null(udev_device_get_syspath(tty));
+    text += ", sysname=";
+    text += text_or_null(udev_device_get_sysname(tty));
+    text += ", devnode=";
+    text += text_or_null(udev_device_get_devnode(tty));
+    text += ", parent=";
+    if (usb) {
+        text += "{syspath=";
+        text += text_or_null(udev_device_get_syspath(usb));
+        text += ", product=\"";
+        text += text_or_null(udev_device_get_sysattr_value(usb, "product"));
+        text += "\", serial=\"";
+        text += text_or_null(udev_device_get_sysattr_value(usb, "serial"));
+        text += "\"}";
+    } else {
+        text += "none";
+    }
+    return text + "}";
+}
+
+}  // namespace
+
+int qlx_device_type(const char* product, const char* serial) {
+    if (!product || !serial || !*serial)
+        return 0;
+    if (std::strcmp(product, kQlx1ProductName) == 0)
+        return 1;
+    if (std::strcmp(product, kQlx2ProductName) == 0)
+        return 2;
+    return 0;
+}
+
+bool FindModems(std::vector<qlx>* table, int* count, bool setupNotifications,
+                HotplugMonitor* hotplug) {
+    kallog(KAL_DEBUG, "FindModems() setupNotifications=%d", setupNotifications ? 1 : 0);
+    kallog(KAL_DEBUG, "Getting IOMasterPort");
+    UdevPtr udev(udev_new());
+    if (!udev) {
+        kallog(KAL_ERR, "IOMasterPort() returned %d. Can't get master port to search for QLXs.",
+               -errno);
+        return false;
+    }
+
+    UdevEnumeratePtr matching(udev_enumerate_new(udev.get()));
+    if (!matching || udev_enumerate_add_match_subsystem(matching.get(), "tty") < 0) {
+        kallog(KAL_ERR, "IOServiceMatching returned a NULL dictionary.");
+        return false;
+    }
+
+    // Watch first, enumerate second: a port that appears in between is then
+    // reported rather than missed.
+    if (setupNotifications && !(hotplug && hotplug->setup_notifications())) {
+        kallog(KAL_ERR, "Couldn't setup notifications.");
+        return false;
+    }
+
+    kallog(KAL_DEBUG, "IOServiceGetMatchingServices");
+    if (int rc = udev_enumerate_scan_devices(matching.get()); rc < 0) {
+        kallog(KAL_ERR, "IOServiceGetMatchingServices returned %d", rc);
+        return false;
+    }
+
+    // Every tty counts, so the table may hold fewer adapters than this.
+    int services = 0;
+    udev_list_entry* entry;
+    udev_list_entry_foreach(entry, udev_enumerate_get_list_entry(matching.get())) {
+        ++services;
+    }
+    kallog(KAL_DEBUG, "Creating buffers to hold at most %d QLXs", services);
+    std::vector<qlx> found;
+    try {
+        found.reserve(static_cast<size_t>(services));
+    } catch (const std::bad_alloc&) {
+        kallog(KAL_ERR, "Malloc of %d qlx buffers failed", services);
+        return false;
+    }
+    // The udev context stays until the end: the devices below are read
+    // through it.
+    kallog(KAL_DEBUG, "Deallocating IOMasterPort");
+
+    int index = 0;
+    udev_list_entry_foreach(entry, udev_enumerate_get_list_entry(matching.get())) {
+        const int device = index++;
+        kallog(KAL_DEBUG, "Probing device %d", device);
+        UdevDevicePtr tty(
+            udev_device_new_from_syspath(udev.get(), udev_list_entry_get_name(entry)));
+        if (!tty) {
+            kallog(KAL_DEBUG, "Can't get properties for device %d", device);
+            continue;
+        }
+        // Borrowed: the parent belongs to `tty`.
+        udev_device* usb =
+            udev_device_get_parent_with_subsystem_devtype(tty.get(), "usb", "usb_device");
+        const std::string props = describe_port(tty.get(), usb);
+        if (!usb) {
+            kallog(KAL_DEBUG, "Did not get success from parent entry. Assuming not a QLX: %s",
+                   props.c_str());
+            continue;
+        }
+        const char* serial = udev_device_get_sysattr_value(usb, "serial");
+        const char* devnode = udev_device_get_devnode(tty.get());
+        const int type = qlx_device_type(udev_device_get_sysattr_value(usb, "product"), serial);
+        if (type == 0 || !devnode) {
+            kallog(KAL_DEBUG, "Skipping non-QLX device: %s", props.c_str());
+            continue;
+        }
+        kallog(KAL_DEBUG, "Assigning #%d to QLX%d with serial number %s: %s",
+               static_cast<int>(found.size()), type, serial, props.c_str());
+        qlx& record = found.emplace_back();
+        record.serial = serial;
+        record.ttyDevice = udev_device_get_sysname(tty.get());
+        record.calloutDevice = devnode;
+        record.deviceType = type;
+    }
+
+    kallog(KAL_DEBUG, "Done detecting %d QLXs", static_cast<int>(found.size()));
+    *count = static_cast<int>(found.size());
+    *table = std::move(found);
+    return true;
+}
