@@ -1,0 +1,267 @@
+#include "lineio/safe_io.h"
+
+#include <poll.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <climits>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+
+#include "log/kallog.h"
+
+using namespace kal;
+
+namespace {
+
+// The tap pair is read as one value, so a write never sees a new source
+// with an old (or already cleared) destination.
+struct TapPair {
+    int src = -1;
+    int dest = -1;
+};
+std::atomic<TapPair> g_tap{TapPair{}};
+
+// Waits up to `ms` milliseconds (-1: for ever) for `fd` to be ready for
+// `events`. Returns what poll() returned; errno is poll's.
+int wait_for(int fd, short events, int ms) {
+    struct pollfd p = {fd, events, 0};
+    return ::poll(&p, 1, ms);
+}
+
+// As wait_for with no limit, but a signal does not end the wait.
+void wait_until_ready(int fd, short events) {
+    while (wait_for(fd, events, -1) < 0 && errno == EINTR) {
+    }
+}
+
+int seconds_to_ms(long long seconds) {
+    return seconds >= INT_MAX / 1000 ? INT_MAX : static_cast<int>(seconds * 1000);
+}
+
+bool would_block(int e) {
+    return e == EAGAIN || e == EWOULDBLOCK;
+}
+
+}  // namespace
+
+void safe_writetap(int srcfd, int destfd) {
+    if (destfd == -1) {
+        const TapPair old = g_tap.exchange(TapPair{});
+        kallog(KAL_DEBUG, "SAFEIO: Terminated tapping: fd %d -> fd %d", old.src, old.dest);
+        return;
+    }
+    g_tap = TapPair{srcfd, destfd};
+    kallog(KAL_DEBUG, "SAFEIO: Initiated tapping: fd %d -> fd %d", srcfd, destfd);
+}
+
+ssize_t safe_write(int fd, const void* buffer, size_t length) {
+    const char* p = static_cast<const char*>(buffer);
+    size_t left = length;
+    while (left > 0) {
+        const ssize_t n = ::write(fd, p, left);
+        if (n < 0) {
+            const int e = errno;
+            if (e == EINTR)
+                continue;
+            if (would_block(e)) {
+                // A full non-blocking descriptor: retrying at once would only
+                // spin. Waiting for room ends the same way, without the CPU.
+                wait_until_ready(fd, POLLOUT);
+                continue;
+            }
+            kallog(KAL_INFO, "safe_write error: fd=%d - %s(%d)", fd, strerror(e), e);
+            return -1;
+        }
+        if (n > 0) {
+            const TapPair tap = g_tap.load();
+            if (tap.src != -1 && fd == tap.src) {
+                const ssize_t t = ::write(tap.dest, p, static_cast<size_t>(n));
+                if (t != n) {
+                    kallog(KAL_DEBUG, "Tap failed. (Wrote %d of %d bytes.)", static_cast<int>(t),
+                           static_cast<int>(n));
+                    // A tap exists to see every byte; one that silently drops
+                    // some would mislead whoever is debugging. (As a wait
+                    // status this reads 999 & 0xff = 231.)
+                    exit(999);
+                }
+            }
+        }
+        p += n;
+        left -= static_cast<size_t>(n);
+    }
+    return static_cast<ssize_t>(length);
+}
+
+const char* mempbrk(const char* buffer, size_t length, const char* stops) {
+    if (buffer == nullptr || stops == nullptr)
+        return nullptr;
+    for (size_t i = 0; i < length; ++i)
+        for (const char* s = stops; *s != '\0'; ++s)
+            if (buffer[i] == *s)
+                return buffer + i;
+    return nullptr;
+}
+
+ssize_t dmp_write(int fd, const void* buffer, size_t length) {
+    if (length > INT32_MAX) {
+        // The header could not say it; the reader would lose the framing.
+        kallog(KAL_INFO, "dmp_write: message of %zu bytes too long for its header (fd=%d)", length,
+               fd);
+        errno = EMSGSIZE;
+        return -1;
+    }
+    const int32_t header = static_cast<int32_t>(length);
+    if (safe_write(fd, &header, sizeof header) < 0)
+        return -1;
+    return safe_write(fd, buffer, length);
+}
+
+ssize_t safe_read(int fd, void* buffer, size_t length, const char* stops, int timeout) {
+    char* buf = static_cast<char*>(buffer);
+
+    if (timeout >= 0) {
+        // 1 is the callers' short poll: a quarter second, not one second.
+        const int ms = timeout == 1 ? 250 : seconds_to_ms(timeout);
+        if (wait_for(fd, POLLIN, ms) == 0)
+            return 0;
+        // A failed wait still tries the read: the read reports the real error.
+    }
+
+    // Whether a read that yields nothing ends the call: only in the modes
+    // that read "what is there" and only without a stop set.
+    const bool nothing_ends_call = stops == nullptr && timeout >= -1;
+
+    size_t got = 0;
+    bool first_pass = true;
+    while (got < length) {
+        if (!first_pass && mempbrk(buf, got, stops) != nullptr)
+            return static_cast<ssize_t>(got);
+        first_pass = false;
+
+        if (timeout < -2) {
+            const int r = wait_for(fd, POLLIN, seconds_to_ms(-static_cast<long long>(timeout)));
+            if (r == 0)
+                return static_cast<ssize_t>(got);
+            if (r < 0) {
+                const int e = errno;
+                if (e == EINTR)
+                    continue;
+                kallog(KAL_DEBUG, "safe_read: error during timeout select: %d-%s", e, strerror(e));
+                return static_cast<ssize_t>(got);
+            }
+        }
+
+        const ssize_t n = ::read(fd, buf + got, length - got);
+        if (n > 0) {
+            got += static_cast<size_t>(n);
+            continue;
+        }
+        if (n == 0) {
+            // End of file. On a socket, pipe or file it is final, so it ends
+            // every mode: one that would "keep reading" (-2, the timed mode,
+            // a stop-set read short of its stop byte) could only spin for
+            // ever, and on a line monitor that died in the middle of a
+            // message it would spin in the line event thread, holding the
+            // device table. Hand back what arrived.
+            return static_cast<ssize_t>(got);
+        }
+        const int e = errno;
+        if (e == EINTR)
+            continue;
+        if (!would_block(e)) {
+            kallog(KAL_INFO, "safe_read error: fd=%d - %s(%d)", fd, strerror(e), e);
+            return -1;
+        }
+        // Nothing there yet on a non-blocking descriptor.
+        if (nothing_ends_call)
+            return static_cast<ssize_t>(got);
+        // The timed mode waits before its next read anyway; the others
+        // would retry at once, so wait for data instead of spinning.
+        if (timeout >= -2)
+            wait_until_ready(fd, POLLIN);
+    }
+    return static_cast<ssize_t>(got);
+}
+
+ssize_t dmp_read(int fd, void* buffer, size_t size, int timeout) {
+    unsigned char header_bytes[sizeof(int32_t)];
+    ssize_t n = safe_read(fd, header_bytes, sizeof header_bytes, nullptr, timeout);
+    if (n <= 0)
+        return n;
+    if (static_cast<size_t>(n) < sizeof header_bytes) {
+        // Part of a header came (a non-blocking descriptor, or a timed wait
+        // that ran out mid-header). It is consumed, so the rest must be read
+        // now or the framing is lost.
+        const size_t have = static_cast<size_t>(n);
+        n = safe_read(fd, header_bytes + have, sizeof header_bytes - have, nullptr, -2);
+        if (n < 0)
+            return -1;
+        if (have + static_cast<size_t>(n) < sizeof header_bytes)
+            return 0;  // the peer went away inside the header
+    }
+    int32_t header;
+    memcpy(&header, header_bytes, sizeof header);
+
+    // A negative length reads as a huge one.
+    const uint32_t announced = static_cast<uint32_t>(header);
+    const size_t want = announced > size ? size : announced;
+    const size_t excess = announced - want;
+
+    // Judged before any payload is read, so a hostile length ends the
+    // process at once rather than after the daemon has waited for a buffer
+    // full of bytes that may never come.
+    // Plain exit, not dm_exit: the line event thread reads holding the
+    // device-table lock, which dm_exit's teardown would wait for.
+    if (excess > kDmpMaxExcess) {
+        kallog(KAL_ERR, "Couldn't malloc in dmp_read for excess. Quitting.");
+        exit(1);
+    }
+
+    n = safe_read(fd, buffer, want, nullptr, -2);
+    if (n < 0)
+        return -1;
+    if (static_cast<size_t>(n) < want)
+        return 0;  // the peer went away inside the payload
+    if (excess == 0)
+        return static_cast<ssize_t>(announced);
+
+    // The excess is of no use to anyone, so it is read through a small
+    // buffer and dropped rather than held in one allocation of its size:
+    // the same bytes leave the socket, without the memory.
+    char scrap[4096];
+    for (size_t left = excess; left > 0;) {
+        const size_t chunk = left < sizeof scrap ? left : sizeof scrap;
+        n = safe_read(fd, scrap, chunk, nullptr, -2);
+        if (n < 0)
+            return -1;
+        if (static_cast<size_t>(n) < chunk)
+            return 0;
+        left -= chunk;
+    }
+    kallog(KAL_NOTICE,
+           "Discarded %d excess bytes in dmp_read. Supplied buffer too small to receive them.",
+           static_cast<int>(excess));
+    return static_cast<ssize_t>(size);
+}
+
+ssize_t safe_cleanread(int fd, char* buffer, size_t size, const char* stops, int timeout) {
+    const ssize_t n = safe_read(fd, buffer, size, stops, timeout);
+    if (n < 0)
+        return -1;
+    if (size == 0)
+        return 0;
+    if (n == 0) {
+        buffer[0] = '\0';
+        return 0;
+    }
+    const size_t got = static_cast<size_t>(n);
+    if (char* stop = const_cast<char*>(mempbrk(buffer, got, stops)))
+        memset(stop, 0, static_cast<size_t>(buffer + size - stop));
+    else if (got < size)
+        buffer[got] = '\0';  // whatever the buffer held before stays out of the string
+    buffer[size - 1] = '\0';
+    return n;
+}
