@@ -12,9 +12,12 @@
 #include "base/fatal.h"
 #include "base/paths.h"
 #include "core/event_loop.h"
+#include "core/hotplug.h"
 #include "core/qlxconfig.h"
 #include "core/shutdown.h"
 #include "core/signals.h"
+#include "core/startup.h"
+#include "lineio/intrapc.h"
 #include "log/kallog.h"
 #include "log/trasher.h"
 
@@ -68,6 +71,8 @@ int main(int argc, char** argv) {
         std::exit(1);
     }
 
+    init_lmcomm_intrapc();
+
     sd_event* raw_loop = nullptr;
     if (int rc = sd_event_new(&raw_loop); rc < 0) {
         kallog(KAL_ERR, "Couldn't create the main event loop (%d-%s). Quitting.", -rc,
@@ -76,6 +81,11 @@ int main(int argc, char** argv) {
     }
     EventPtr loop(raw_loop);
     setup_quit_signals(loop.get());
+
+    // Hot-plug events are read on the main loop, so they are handled on the
+    // main thread.
+    HotplugMonitor hotplug(loop.get());
+    start_line_monitors(hotplug);
 
     start_trasher();
 
