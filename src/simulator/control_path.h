@@ -1,0 +1,42 @@
+#pragma once
+
+// Where a line-monitor simulator listens for whoever drives it: one UNIX
+// stream socket per line, named after the adapter's serial,
+//
+//     $KAL_LINESIM_DIR/<serial>.sock     when KAL_LINESIM_DIR is set, else
+//     $KAL_ROOT/run/kal-linesim/<serial>.sock
+//
+// Bytes of the serial outside [A-Za-z0-9._-] become '_' in the file name
+// (an empty serial is "_"). Header-only, so that the test support library
+// can find the sockets without linking the simulator.
+
+#include <cstdlib>
+#include <string>
+
+#include "base/paths.h"
+
+namespace kal::linesim {
+
+inline std::string control_dir() {
+    const char* dir = std::getenv("KAL_LINESIM_DIR");
+    if (dir && *dir)
+        return dir;
+    return kal::kal_root() + "/run/kal-linesim";
+}
+
+inline std::string control_socket_name(const std::string& serial) {
+    std::string name = serial.empty() ? "_" : serial;
+    for (char& c : name) {
+        bool keep = (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') ||
+                    c == '.' || c == '_' || c == '-';
+        if (!keep)
+            c = '_';
+    }
+    return name + ".sock";
+}
+
+inline std::string control_socket_path(const std::string& serial) {
+    return control_dir() + "/" + control_socket_name(serial);
+}
+
+}  // namespace kal::linesim

@@ -1,0 +1,45 @@
+#pragma once
+
+// Readable one-line forms of what crosses the line socket, for the
+// simulator's command and message logs, and the hex codec of `raw`/`frame`.
+//
+// A value is printed bare when it is non-empty printable ASCII without
+// space, '"', '\\' or '='; otherwise it is double-quoted with C escapes
+// (\" \\ \n \t \xNN). Integers are decimal except flags, which are hex.
+
+#include <cstddef>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace kal::linesim {
+
+std::string quote(std::string_view value);
+
+// A command from the daemon, e.g.
+//   "P path=/x stop=Pplb token=12 flags=0x184 length=3 pause=1".
+// A payload whose length does not fit its command reads
+//   "P malformed length=20 expected=1629 hex=50..."
+// and an unknown command character "Z unknown length=3 hex=5a0102".
+std::string describe_command(const char* data, size_t len);
+
+// True when the payload's length is exactly what its command needs. False
+// for an empty payload or an unknown command character.
+bool command_well_formed(const char* data, size_t len);
+
+// A message to the daemon, e.g. "R", "# digit=5", "X text=\"Jane Doe\"",
+// "^ token=12 status=3 stop= extra=16000".
+std::string describe_event(std::string_view payload);
+
+// Printable form of one character: "p", or "\x01".
+std::string char_text(char c);
+
+std::string to_hex(std::string_view bytes);
+// Pairs of hex digits; spaces, ':' and a leading "0x" per group are ignored.
+// Nothing on odd length or any other character.
+std::optional<std::string> from_hex(std::string_view text);
+
+// "complete", "invalid-file", ... for an audio-response status.
+const char* audio_status_name(int status);
+
+}  // namespace kal::linesim
