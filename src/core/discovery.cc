@@ -85,16 +85,21 @@ bool FindModems(std::vector<qlx>* table, int* count, bool setupNotifications,
         return false;
     }
 
-    // Every tty counts, so the table may hold fewer adapters than this.
-    int services = 0;
+    // The serial ports: every tty backed by a device. Virtual consoles and
+    // pseudo-terminals live under /devices/virtual and are never adapters.
+    // Every port counts, so the table may hold fewer adapters than this.
+    std::vector<std::string> ports;
     udev_list_entry* entry;
     udev_list_entry_foreach(entry, udev_enumerate_get_list_entry(matching.get())) {
-        ++services;
+        const std::string syspath = udev_list_entry_get_name(entry);
+        if (syspath.find("/devices/virtual/") == std::string::npos)
+            ports.push_back(syspath);
     }
+    const int services = static_cast<int>(ports.size());
     kallog(KAL_DEBUG, "Creating buffers to hold at most %d QLXs", services);
     std::vector<qlx> found;
     try {
-        found.reserve(static_cast<size_t>(services));
+        found.reserve(ports.size());
     } catch (const std::bad_alloc&) {
         kallog(KAL_ERR, "Malloc of %d qlx buffers failed", services);
         return false;
@@ -103,12 +108,9 @@ bool FindModems(std::vector<qlx>* table, int* count, bool setupNotifications,
     // through it.
     kallog(KAL_DEBUG, "Deallocating IOMasterPort");
 
-    int index = 0;
-    udev_list_entry_foreach(entry, udev_enumerate_get_list_entry(matching.get())) {
-        const int device = index++;
+    for (int device = 0; device < services; ++device) {
         kallog(KAL_DEBUG, "Probing device %d", device);
-        UdevDevicePtr tty(
-            udev_device_new_from_syspath(udev.get(), udev_list_entry_get_name(entry)));
+        UdevDevicePtr tty(udev_device_new_from_syspath(udev.get(), ports[device].c_str()));
         if (!tty) {
             kallog(KAL_DEBUG, "Can't get properties for device %d", device);
             continue;
