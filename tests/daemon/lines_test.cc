@@ -1,0 +1,101 @@
+// The daemon with fake adapters plugged in (umockdev) and the line-monitor
+// simulator installed under both program names: one line monitor per
+// adapter, and what unplugging does.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
+
+#include "base/paths.h"
+#include "fake_adapters.h"
+#include "linesim_control.h"
+#include "test_support.h"
+
+using namespace kal;
+using namespace kal::test;
+using ::testing::ContainsRegex;
+using ::testing::HasSubstr;
+using ::testing::Not;
+using ::testing::StartsWith;
+
+namespace {
+
+class DaemonLinesTest : public ::testing::Test {
+  protected:
+    void SetUp() override { install_linesim(); }
+
+    void start_daemon() {
+        daemon_ = std::make_unique<ChildProcess>(
+            std::vector<std::string>{bin_path("kaldevicemaster")}, std::vector<std::string>{},
+            root_.path() + "/stderr.txt");
+        // The trasher starts once every line monitor has been spawned.
+        ASSERT_TRUE(wait_for([&] { return logged("Adding logtrasher thread"); })) << log();
+    }
+    void stop_daemon() {
+        daemon_->signal(SIGTERM);
+        const int status = daemon_->wait_exit();
+        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+    }
+    std::string log() const { return read_file(root_.daemon_log()); }
+    bool logged(const std::string& text) const { return log().find(text) != std::string::npos; }
+
+    TempRoot root_;
+    FakeAdapters ports_;
+    std::unique_ptr<ChildProcess> daemon_;
+};
+
+TEST_F(DaemonLinesTest, EachAdapterGetsALineMonitorOfItsModelWithItsOrders) {
+    struct Adapter {
+        int type;
+        const char* serial;
+        const char* program;
+        std::string node;
+    } adapters[] = {{1, "KL1001", "KALLineMonitor", ""}, {2, "ZR2002", "ZRXLineMonitor", ""}};
+    for (auto& a : adapters)
+        a.node = ports_.add_adapter(a.type, a.serial);
+    ports_.add_builtin_port();  // not an adapter: no line monitor
+
+    start_daemon();
+    for (const auto& a : adapters) {
+        SCOPED_TRACE(a.serial);
+        EXPECT_THAT(log(), HasSubstr("(s/n: '" + std::string(a.serial) + "') at " + a.node +
+                                     " (device type = " + std::to_string(a.type) + ")\n"));
+        LineSimControl line(a.serial);
+        ASSERT_TRUE(line.connected());
+        const std::string orders = line.send("orders");
+        EXPECT_THAT(orders, StartsWith("ok fd=4 "));
+        EXPECT_THAT(orders, HasSubstr(" line=" + a.node + " "));
+        EXPECT_THAT(orders, HasSubstr(" serial=" + std::string(a.serial) + " "));
+        EXPECT_THAT(orders, HasSubstr(" program=" + std::string(a.program) + " "));
+    }
+    EXPECT_THAT(log(), HasSubstr("Done detecting 2 QLXs"));
+    EXPECT_THAT(log(), Not(HasSubstr("Failed to initialize")));
+
+    stop_daemon();
+    for (const auto& a : adapters)
+        EXPECT_TRUE(wait_for([&] { return !file_exists(linesim_socket(a.serial)); }))
+            << a.serial << " still runs after the daemon stopped";
+}
+
+TEST_F(DaemonLinesTest, UnplugHangsUpTheLineMonitorAndPlugInIsNoticed) {
+    const std::string adapter = ports_.add_adapter(1, "KL3003");
+    start_daemon();
+    LineSimControl line("KL3003");
+    ASSERT_THAT(line.send("orders"), StartsWith("ok fd=4 "));
+
+    ports_.unplug(adapter);
+    EXPECT_TRUE(wait_for([&] { return !file_exists(linesim_socket("KL3003")); }))
+        << "the line monitor never got SIGHUP\n"
+        << log();
+    EXPECT_THAT(log(), ContainsRegex("Sending signal 'hup' to process [0-9]+ servicing line " +
+                                     adapter + "\\.\n"));
+
+    ports_.add_adapter(2, "ZR4004");
+    EXPECT_TRUE(wait_for([&] {
+        return logged("NOTICE: ioNotificationHandler informed of new IOSerialDevice(s).");
+    })) << log();
+    stop_daemon();
+}
+
+}  // namespace
