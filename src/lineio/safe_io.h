@@ -10,6 +10,15 @@
 //   -1   no wait; a read of 0 bytes ends the call
 //   -2   no wait; keep reading until `length` bytes have arrived
 //   <-2  before every read, wait up to |timeout| seconds
+// An end of file ends every mode with the bytes read so far. EAGAIN on a
+// non-blocking descriptor ends the -1 and >=0 modes (without a stop set);
+// the others wait in poll() for more.
+//
+// dmp_read returns the payload length (at most `size`; a longer payload is
+// cut and the rest read off and dropped), 0 for an end of file, a zero-length
+// frame or a frame cut short by an end of file, -1 for an error. An excess
+// above kDmpMaxExcess (so any negative length) ends the process, status 1.
+// safe_write waits out EAGAIN; a failing tap ends the process (exit(999)).
 // Each descriptor is used by one thread at a time.
 
 #include <sys/types.h>
