@@ -97,10 +97,10 @@ void* babymonitor(void*) {
             rec.pid = -1;
             gMustRescan = 1;
             report_disconnected_resource(rec.serial);
-            if (rec.node) {
+            if (auto node = rec.node.lock()) {
                 kallog(KAL_DEVEL, "notifying node %p - device lost",
-                       static_cast<void*>(rec.node.get()));
-                node_devicelost(*rec.node);
+                       static_cast<void*>(node.get()));
+                node_devicelost(*node);
             }
             verdict = restart_decision(rec, kal::now());
             break;

@@ -39,7 +39,10 @@ struct qlx {
     std::optional<std::string> pendingDial;       // a dial waiting for the line
     std::optional<std::string> pendingDialToken;  // its client's callback token
     int deviceType = 0;                           // 1 or 2: which line-monitor program
-    std::shared_ptr<LineNode> node;               // the attached call-handling node
+    // The attached call-handling node. A weak link: a node keeps itself
+    // alive until its delayed release, and the line event thread holds it
+    // across each call into it.
+    std::weak_ptr<LineNode> node;
     int nodeType = 0;
 };
 

@@ -193,7 +193,7 @@ void service_lineisr(int fd) {
 
     // Held across the calls, so a node that detaches itself inside its
     // handler stays alive until we are done with it.
-    std::shared_ptr<LineNode> node = gLines[index].node;
+    std::shared_ptr<LineNode> node = gLines[index].node.lock();
     unlock_device_table();
     bool rehandle = false;
     if (node) {
@@ -234,7 +234,7 @@ void react_to_qlx_message(const char* buffer, int length, int index, const char*
             token = std::exchange(rec.pendingDialToken, std::nullopt);
             serial = rec.serial;
         } else if (gWildcardDialPending) {
-            if (rec.node) {
+            if (!rec.node.expired()) {
                 kallog(KAL_DEBUG, "Not doing dial on QLX%d because a node is active on that line.",
                        index);
             } else {

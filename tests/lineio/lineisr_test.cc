@@ -1,0 +1,229 @@
+// The line event thread against fake lines: each line monitor is the test's
+// end of a real socket pair, and passes of the loop run on the test thread.
+
+#include "lineio/lineisr.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <string>
+#include <vector>
+
+#include "base/unique_fd.h"
+#include "core/device_table.h"
+#include "core/line_node.h"
+#include "lineio/intrapc.h"
+#include "lineio/protocol.h"
+#include "lineio/request_queue.h"
+#include "lineio/safe_io.h"
+#include "service/notification_center.h"
+#include "service/vocabulary.h"
+#include "test_support.h"
+
+using namespace kal;
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+
+namespace {
+
+// A node that answers every event with `answer` and records what it saw.
+class ScriptedNode : public LineNode {
+  public:
+    explicit ScriptedNode(int answer, std::vector<std::string>* journal)
+        : answer_(answer), journal_(journal) {}
+    int handleEventWithBuffer(const char* b, int, int, const char*) override {
+        journal_->push_back(std::string("node:") + b[0]);
+        return answer_;
+    }
+    void rehandleEventWithBuffer(const char* b, int, int, const char*) override {
+        journal_->push_back(std::string("rehandle:") + b[0]);
+    }
+    void setDevicePtr(qlx*) override {}
+    void deviceLost() override {}
+
+  private:
+    int answer_;
+    std::vector<std::string>* journal_;
+};
+
+class LineIsrTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        init_lmcomm_intrapc();
+        for (const char* serial : {"A1", "B2"}) {
+            int sv[2];
+            ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, sv), 0);
+            qlx rec;
+            rec.serial = serial;
+            rec.calloutDevice = std::string("/dev/tty") + serial;
+            rec.fd = sv[0];
+            rec.pid = 999999;  // no such process: nothing is ever signalled
+            rec.status = QLX_STATUS_UP;
+            rec.deviceType = 1;
+            gLines.push_back(std::move(rec));
+            peers_.emplace_back(sv[1]);
+        }
+        gLinecount = static_cast<int>(gLines.size());
+        bounds_ = calc_fdbounds();
+        observer_ =
+            NotificationCenter::defaultCenter().addObserver("", [this](const Notification& n) {
+                auto it = n.userInfo.find(kal_NotificationNameKey);
+                journal_.push_back(it != n.userInfo.end()
+                                       ? it->second.str()
+                                       : n.name + ":" + n.userInfo.at(kal_ResponseCode).str());
+            });
+    }
+    void TearDown() override { NotificationCenter::defaultCenter().removeObserver(observer_); }
+
+    void line_sends(int line, const std::string& payload) {
+        ASSERT_EQ(dmp_write(peers_[line].get(), payload.data(), payload.size()),
+                  static_cast<ssize_t>(payload.size()));
+    }
+    // The next frame the line monitor received, or "" when none is waiting.
+    std::string line_received(int line) {
+        char buf[4096] = {};
+        ssize_t n = dmp_read(peers_[line].get(), buf, sizeof buf, 0);
+        return n > 0 ? std::string(buf, static_cast<size_t>(n)) : std::string();
+    }
+    void queue(int type, const std::string& serial, std::string data = "", int value = 0) {
+        auto t = std::make_unique<lm_todo>();
+        t->type = type;
+        t->serial = serial;
+        t->data = std::move(data);
+        t->value = value;
+        t->deadman = value;
+        t->token = "tok";
+        add_todo(std::move(t));
+    }
+    void pass() { lineisr_pass(bounds_); }
+
+    std::vector<unique_fd> peers_;
+    FdBounds bounds_{};
+    std::vector<std::string> journal_;
+    NotificationCenter::ObserverId observer_{};
+};
+
+TEST_F(LineIsrTest, QueuedRequestsAreWrittenInOrderOnePerPass) {
+    queue(REQ_HANGUP, "A1");
+    queue(REQ_BEEP, "B2", "", 3);
+    queue(REQ_SET_DEADMAN, "A1", "", 30);
+    pass();
+    EXPECT_EQ(line_received(0), std::string("H\0", 2));
+    EXPECT_EQ(line_received(1), "");
+    pass();
+    EXPECT_EQ(line_received(1), std::string("!\x03\0\0\0", 5));
+    pass();
+    EXPECT_EQ(line_received(0), std::string(">\x1e\0\0\0", 5));
+    EXPECT_EQ(queued_todo_count(), 0);
+}
+
+TEST_F(LineIsrTest, WakeUpWithEmptyQueueWritesNothing) {
+    ASSERT_EQ(write(lmthread_userisr_socket_public, "@", 1), 1);
+    pass();
+    EXPECT_EQ(line_received(0), "");
+    EXPECT_EQ(line_received(1), "");
+}
+
+TEST_F(LineIsrTest, DialReportsSuccessAndDigitsOrFailsForUnknownLine) {
+    queue(REQ_DIAL, "ZZ", "123");
+    pass();
+    queue(REQ_DIAL, "B2", "9#");
+    pass();
+    EXPECT_EQ(line_received(1), std::string("D9#\0", 4));
+    EXPECT_THAT(journal_, ElementsAre("RequestComplete:KALResponseCodeERRNoResource",
+                                      "RequestComplete:KALResponseCodeOK", "KALDigitDialed",
+                                      "KALDigitDialed"));
+}
+
+TEST_F(LineIsrTest, RequestsForVanishedLinesAreDiscarded) {
+    for (int type : std::initializer_list<int>{REQ_PLAY, REQ_RECORD, REQ_HANGUP, REQ_CANCEL_AUDIO,
+                                               REQ_SET_DEADMAN, REQ_BEEP, REQ_TRV, REQ_CALL, 42}) {
+        queue(type, "ZZ", "x");
+        pass();
+    }
+    EXPECT_EQ(line_received(0), "");
+    EXPECT_EQ(line_received(1), "");
+    EXPECT_THAT(journal_, IsEmpty());
+}
+
+TEST_F(LineIsrTest, LineEventsReachNodeThenClientsByTheNodesAnswer) {
+    auto consumer = std::make_shared<ScriptedNode>(kNodeConsumed, &journal_);
+    auto rehandler = std::make_shared<ScriptedNode>(kNodeRehandle, &journal_);
+    gLines[0].node = consumer;
+    gLines[1].node = rehandler;
+    line_sends(0, "R");
+    pass();
+    line_sends(1, "R");
+    pass();
+    EXPECT_THAT(journal_, ElementsAre("node:R", "node:R", "KALRingDetect", "rehandle:R"));
+
+    journal_.clear();
+    auto passer = std::make_shared<ScriptedNode>(kNodePassOn, &journal_);
+    gLines[0].node = passer;
+    line_sends(0, "b");
+    pass();
+    EXPECT_THAT(journal_, ElementsAre("node:b", "KALBusyTone"));
+}
+
+TEST_F(LineIsrTest, ReadyLinesAreServedLowestDescriptorFirstAfterPipes) {
+    gSystemState = kSystemAsleep;  // the rescan defers and changes nothing
+    line_sends(1, "d");
+    line_sends(0, "c");
+    ASSERT_EQ(write(lmthread_babymonitor_socket_public, "@", 1), 1);
+    pass();  // the rescan request wins the pass
+    EXPECT_THAT(journal_, IsEmpty());
+    pass();
+    EXPECT_THAT(journal_, ElementsAre("KALIncomingFaxTone", "KALDialtone"));
+}
+
+TEST_F(LineIsrTest, OffHookStartsTheLinesPendingDialElseAWildcardDial) {
+    gLines[0].pendingDial = "555";
+    gLines[0].pendingDialToken = "t0";
+    gWildcardDialPending = "777";
+    gWildcardDialToken = "tw";
+    auto node = std::make_shared<ScriptedNode>(kNodePassOn, &journal_);
+    gLines[1].node = node;
+
+    line_sends(0, "P");
+    pass();
+    pass();  // the queued dial
+    EXPECT_EQ(line_received(0), std::string("D555\0", 5));
+    EXPECT_FALSE(gLines[0].pendingDial.has_value());
+    EXPECT_TRUE(gWildcardDialPending.has_value());
+
+    line_sends(1, "P");  // a node is on B2: the wildcard dial waits
+    pass();
+    EXPECT_TRUE(gWildcardDialPending.has_value());
+    line_sends(0, "P");
+    pass();
+    pass();
+    EXPECT_EQ(line_received(0), std::string("D777\0", 5));
+    EXPECT_FALSE(gWildcardDialToken.has_value());
+}
+
+TEST_F(LineIsrTest, EndOfFileHangsUpTheLineMonitor) {
+    pid_t child = fork();
+    if (child == 0) {
+        // Whoever started us may have ignored or blocked it.
+        signal(SIGHUP, SIG_DFL);
+        sigset_t none;
+        sigemptyset(&none);
+        sigprocmask(SIG_SETMASK, &none, nullptr);
+        close_range(3, ~0U, 0);  // our copy of the line's socket would hide its end
+        pause();
+        _exit(0);
+    }
+    gLines[0].pid = child;
+    peers_[0].reset();
+    pass();
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    ASSERT_TRUE(WIFSIGNALED(status));
+    EXPECT_EQ(WTERMSIG(status), SIGHUP);
+}
+
+}  // namespace
