@@ -10,9 +10,11 @@
 
 #include "base/paths.h"
 #include "base/unique_fd.h"
+#include "core/babymonitor.h"
 #include "lineio/protocol.h"
 #include "lineio/safe_io.h"
 #include "log/kallog.h"
+#include "service/notifier.h"
 
 using namespace kal;
 
@@ -144,6 +146,7 @@ int spawn_linemonitor(const std::string& path, const char* argv0, const std::str
     record->pid = pid;
     record->fd = ours.release();
 
+    report_available_resource(record->serial);
     send_orders(*record);
 
     kallog(KAL_DEBUG, "Setting O_NONBLOCK for new child");
@@ -158,5 +161,8 @@ int spawn_linemonitor(const std::string& path, const char* argv0, const std::str
                    strerror(e));
         }
     }
+    // A supervisor must run whenever a child exists; one that just ended
+    // for lack of children is started again here.
+    start_babymonitor();
     return record->fd;
 }

@@ -11,6 +11,7 @@
 
 #include "base/fatal.h"
 #include "base/paths.h"
+#include "core/babymonitor.h"
 #include "core/event_loop.h"
 #include "core/hotplug.h"
 #include "core/qlxconfig.h"
@@ -18,8 +19,10 @@
 #include "core/signals.h"
 #include "core/startup.h"
 #include "lineio/intrapc.h"
+#include "lineio/lineisr.h"
 #include "log/kallog.h"
 #include "log/trasher.h"
+#include "service/notifier.h"
 
 using namespace kal;
 
@@ -61,6 +64,8 @@ int main(int argc, char** argv) {
     kallogversion(kVersionText);
     install_dm_exit();
     kallog(KAL_NOTICE, "Hello, World!");
+    Notifier::soleInstance();
+    kallog(KAL_DEBUG, "Notifier created.");
 
     srandom(static_cast<unsigned>(time(nullptr)));
 
@@ -81,12 +86,14 @@ int main(int argc, char** argv) {
     }
     EventPtr loop(raw_loop);
     setup_quit_signals(loop.get());
+    start_babymonitor();
 
     // Hot-plug events are read on the main loop, so they are handled on the
     // main thread.
     HotplugMonitor hotplug(loop.get());
     start_line_monitors(hotplug);
 
+    start_lineisr();
     start_trasher();
 
     if (read_silence_detection(qlxconfig_path())) {
