@@ -98,4 +98,53 @@ TEST_F(DaemonLinesTest, UnplugHangsUpTheLineMonitorAndPlugInIsNoticed) {
     stop_daemon();
 }
 
+TEST_F(DaemonLinesTest, HotPlugAddsAndRemovesLinesThroughTheRescan) {
+    const std::string first = ports_.add_adapter(1, "KL5005");
+    start_daemon();
+    ASSERT_TRUE(LineSimControl("KL5005").connected());
+
+    ports_.add_adapter(2, "ZR6006");
+    LineSimControl second("ZR6006");
+    ASSERT_TRUE(second.connected()) << log();
+    EXPECT_THAT(second.send("orders"), StartsWith("ok fd=4 "));
+    EXPECT_TRUE(logged("Rescanned QLX0 is old QLX0.")) << log();
+    EXPECT_TRUE(logged("Trying to initialize rescanned QLX1 (s/n: 'ZR6006')")) << log();
+
+    ports_.unplug(first);
+    EXPECT_TRUE(wait_for([&] { return logged("Rescanned QLX0 is old QLX1."); })) << log();
+    EXPECT_TRUE(logged("1 QLXs left after rescan"));
+    EXPECT_TRUE(second.connected());
+    stop_daemon();
+}
+
+TEST_F(DaemonLinesTest, DyingLineMonitorIsRestartedThenAbandoned) {
+    ports_.add_adapter(1, "KL7007");
+    start_daemon();
+    const auto count = [&](const std::string& text) {
+        const std::string all = log();
+        int n = 0;
+        for (size_t at = all.find(text); at != std::string::npos; at = all.find(text, at + 1))
+            ++n;
+        return n;
+    };
+    // Four deaths within the burst are restarted, the fifth abandons the line.
+    for (int death = 1; death <= 5; ++death) {
+        LineSimControl line("KL7007");
+        ASSERT_TRUE(line.connected()) << "death " << death << "\n" << log();
+        line.send(death == 3 ? "crash 11" : "exit 3");
+        const int restarts = death < 5 ? death : 4;
+        ASSERT_TRUE(wait_for([&] {
+            return count("Trying to restart rescanned QLX0") == restarts &&
+                   count("LineISR: Check after rescan") >= death;
+        })) << "death "
+            << death << "\n"
+            << log();
+    }
+    EXPECT_THAT(log(), HasSubstr("exited normally with return code 3. Restarting.\n"));
+    EXPECT_THAT(log(), HasSubstr("was terminated with signal 11 (segv). Restarting again.\n"));
+    EXPECT_THAT(log(), HasSubstr("Too many restarts too fast. Permanently abandoning this line."));
+    EXPECT_TRUE(wait_for([&] { return logged("Marking rescanned QLX0 as permanently down."); }));
+    stop_daemon();
+}
+
 }  // namespace
