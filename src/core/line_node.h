@@ -25,11 +25,15 @@ class LineNode {
     // The line monitor died or the adapter vanished. Called with the
     // device-table lock held: must not take it.
     virtual void deviceLost() = 0;
+    // Called just before deviceLost, under the same lock, so that the node
+    // can note that its teardown must not take the device-table lock.
+    virtual void beforeDeviceLost() {}
 };
 
 inline void node_setdeviceptr(LineNode& node, qlx* record) {
     node.setDevicePtr(record);
 }
 inline void node_devicelost(LineNode& node) {
+    node.beforeDeviceLost();
     node.deviceLost();
 }
