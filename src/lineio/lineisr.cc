@@ -172,7 +172,12 @@ void service_lineisr(int fd) {
     kallog(KAL_DEVEL, "Message received from QLX%d.", index);
     // One spare byte keeps even a full 4096-byte payload NUL-terminated.
     char buffer[lm::kEventBufferSize + 1] = {};
-    const ssize_t n = dmp_read(fd, buffer, lm::kEventBufferSize, -1);
+    ssize_t n = dmp_read(fd, buffer, lm::kEventBufferSize, -1);
+    // A line monitor that dies with our commands still unread in its socket
+    // leaves us a reset instead of an end of file. It is the same death, and
+    // must not take the daemon down with it.
+    if (n < 0 && (errno == ECONNRESET || errno == EPIPE))
+        n = 0;
     if (n < 0) {
         int e = errno;
         kallog(KAL_ERR, "LineISR: Error draining QLX%d signal. Quitting. (%d-%s)", index, e,

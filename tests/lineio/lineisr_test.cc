@@ -226,4 +226,15 @@ TEST_F(LineIsrTest, EndOfFileHangsUpTheLineMonitor) {
     EXPECT_EQ(WTERMSIG(status), SIGHUP);
 }
 
+TEST_F(LineIsrTest, LineMonitorDyingWithUnreadCommandsIsAnEndOfFileNotAFatalError) {
+    queue(REQ_HANGUP, "A1");
+    pass();  // written, never read: closing the peer now resets the socket
+    peers_[0].reset();
+    pass();
+    // Still serving: the other line's events get through.
+    line_sends(1, "R");
+    pass();
+    EXPECT_THAT(journal_, ElementsAre("KALRingDetect"));
+}
+
 }  // namespace
