@@ -121,7 +121,8 @@ const std::vector<CommandSpec>& commands() {
          1,
          1,
          "set the log level of the daemon, its line monitors and its clients",
-         "Levels: 0 EMERG, 1 ALERT, 2 CRIT, 3 ERR, 4 WARN, 5 NOTICE, 6 INFO, 7 DEBUG, 8 DEVEL.",
+         "Levels: 0 EMERG, 1 ALERT, 2 CRIT, 3 ERR, 4 WARN, 5 NOTICE, 6 INFO, 7 DEBUG,\n"
+         "8 DEVEL.",
          {{"--write", nullptr, "also keep it for the next start (the debuglevel file)"}}},
         {"rescan", "", 0, 0, "make the daemon look for adapters again", "", {}},
         {"send",
