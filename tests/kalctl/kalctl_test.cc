@@ -1,0 +1,161 @@
+// kalctl and the client library against the real daemon: fake adapters
+// (umockdev), the line-monitor simulator, a private system bus with the
+// project's policy.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "client/client.h"
+#include "fake_adapters.h"
+#include "linesim_control.h"
+#include "private_bus.h"
+#include "service/kal_errors.h"
+#include "service/vocabulary.h"
+#include "test_support.h"
+
+using namespace kal;
+using namespace kal::test;
+using ::testing::HasSubstr;
+using ::testing::MatchesRegex;
+
+namespace {
+
+class KalctlDaemonTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        install_linesim();
+        ports_.add_adapter(1, "KL1001");
+        ports_.add_adapter(2, "ZR2002");
+        daemon_ = std::make_unique<ChildProcess>(
+            std::vector<std::string>{bin_path("kaldevicemaster")},
+            std::vector<std::string>{"KAL_LINESIM_SPEED=100"}, root_.path() + "/stderr.txt");
+        // The name is taken once the line monitors are up.
+        ASSERT_TRUE(wait_for([&] { return logged("Vending Listener") && name_owned(); })) << log();
+    }
+    void TearDown() override {
+        daemon_->signal(SIGTERM);
+        const int status = daemon_->wait_exit();
+        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+    }
+
+    std::string log() const { return read_file(root_.daemon_log()); }
+    bool logged(const std::string& text) const { return log().find(text) != std::string::npos; }
+    bool name_owned() const {
+        sd_bus* raw = nullptr;
+        if (sd_bus_open_system(&raw) < 0)
+            return false;
+        BusPtr bus(raw);
+        BusError error;
+        sd_bus_message* reply = nullptr;
+        int owned = 0;
+        if (sd_bus_call_method(raw, "org.freedesktop.DBus", "/org/freedesktop/DBus",
+                               "org.freedesktop.DBus", "NameHasOwner", error.get(), &reply, "s",
+                               kal_DO_Server_Name) >= 0)
+            sd_bus_message_read(reply, "b", &owned);
+        sd_bus_message_unref(reply);
+        return owned != 0;
+    }
+
+    // kalctl as a person runs it; its output lands in files.
+    std::unique_ptr<ChildProcess> start_kalctl(std::vector<std::string> args) {
+        args.insert(args.begin(), bin_path("kalctl"));
+        return start(args);
+    }
+    std::unique_ptr<ChildProcess> start(const std::vector<std::string>& command) {
+        std::vector<std::string> argv = {"/bin/sh", "-c", "exec \"$0\" \"$@\" >\"$KALCTL_OUT\""};
+        argv.insert(argv.end(), command.begin(), command.end());
+        return std::make_unique<ChildProcess>(
+            argv, std::vector<std::string>{"KALCTL_OUT=" + out_file()}, err_file());
+    }
+    struct Outcome {
+        int status;
+        std::string out;
+        std::string err;
+    };
+    Outcome finish(ChildProcess& kalctl) {
+        const int status = kalctl.wait_exit();
+        return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, read_file(out_file()),
+                read_file(err_file())};
+    }
+    Outcome kalctl(const std::vector<std::string>& args) { return finish(*start_kalctl(args)); }
+    Outcome kalctl_argv(const std::vector<std::string>& command) { return finish(*start(command)); }
+    std::string out_file() const { return root_.path() + "/kalctl.out"; }
+    std::string err_file() const { return root_.path() + "/kalctl.err"; }
+
+    TempRoot root_;
+    PrivateBus bus_;
+    FakeAdapters ports_;
+    std::unique_ptr<ChildProcess> daemon_;
+};
+
+// The daemon's line requests are not served yet (the service answers an
+// empty list): enable once they are.
+TEST_F(KalctlDaemonTest, DISABLED_LinesListsTheAdaptersWithTheirTypes) {
+    const auto o = kalctl({"lines"});
+    EXPECT_EQ(o.status, 0) << o.err;
+    EXPECT_EQ(o.out, "KL1001  type 1\nZR2002  type 2 (enhanced)\n") << o.err;
+}
+
+TEST_F(KalctlDaemonTest, MonitorPrintsARingAsItHappens) {
+    auto monitor = start_kalctl({"monitor", "--count", "1", "--timeout", "60"});
+    // RequestComplete is the last name it subscribes to.
+    ASSERT_TRUE(wait_for([&] { return logged("to subscription array for 'RequestComplete'"); }))
+        << log();
+    LineSimControl line("KL1001");
+    ASSERT_EQ(line.send("ring"), "ok sent R");
+    const auto o = finish(*monitor);
+    EXPECT_EQ(o.status, 0) << o.err;
+    EXPECT_THAT(o.out, MatchesRegex("[0-9]{2}:[0-9]{2}:[0-9]{2} KALRingDetect KL1001 "
+                                    "\\{KALQLXNumberKey = 0\\}\n"));
+}
+
+TEST_F(KalctlDaemonTest, RequestsBeforeRegistrationAreRefusedWith16) {
+    client::Client unregistered;
+    try {
+        unregistered.resources();
+        FAIL() << "served before registering";
+    } catch (const KALException& e) {
+        EXPECT_EQ(e.kalErrorCode(), 16);
+        EXPECT_EQ(e.reason(), "#16 Unauthenticated request");
+    }
+    // Once registered, the same connection is served.
+    EXPECT_EQ(unregistered.registerApplication("test", "com.example"), kal_ResponseCode_OK);
+    EXPECT_NO_THROW(unregistered.resources());
+}
+
+TEST_F(KalctlDaemonTest, AnUnknownProtocolVersionIsRefusedWithTheAcceptedOnes) {
+    const auto o = kalctl({"--protocol", "QZ4.0.6", "lines"});
+    EXPECT_EQ(o.status, 1);
+    EXPECT_THAT(o.err, HasSubstr("#35 Invalid software version"));
+    EXPECT_THAT(o.err, HasSubstr("(KALSpokesman accepts: QZ4.0.5 BD1.0.7)"));
+}
+
+TEST_F(KalctlDaemonTest, OtherUsersMayIntrospectTheDaemonButNotCallIt) {
+    if (getuid() != 0)
+        GTEST_SKIP() << "needs root to run a client as another user";
+    // The bus socket's folder is the test's own; let the other user in.
+    ASSERT_EQ(chmod(bus_.dir().c_str(), 0755), 0);
+    const std::vector<std::string> nobody = {"/usr/bin/setpriv", "--reuid=65534", "--regid=65534",
+                                             "--clear-groups"};
+    auto as_nobody = [&](std::vector<std::string> argv) {
+        argv.insert(argv.begin(), nobody.begin(), nobody.end());
+        return kalctl_argv(argv);
+    };
+
+    const auto refused = as_nobody({bin_path("kalctl"), "lines"});
+    EXPECT_EQ(refused.status, 3) << refused.err;
+    EXPECT_THAT(refused.err, HasSubstr("member of the group kal"));
+
+    const auto introspected =
+        as_nobody({"/usr/bin/dbus-send", "--system", "--print-reply",
+                   "--dest=" + std::string(kal_DO_Server_Name), "/com/orvane/DeviceMaster",
+                   "org.freedesktop.DBus.Introspectable.Introspect"});
+    EXPECT_EQ(introspected.status, 0) << introspected.err;
+    EXPECT_THAT(introspected.out, HasSubstr("com.orvane.KALActionRequesting"));
+}
+
+}  // namespace
