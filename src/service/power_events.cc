@@ -1,0 +1,3 @@
+#include "service/power_events.h"
+
+void registerForSleepNotification(sd_bus*) {}
