@@ -7,6 +7,7 @@
 #include <sys/wait.h>
 
 #include "base/paths.h"
+#include "private_bus.h"
 #include "test_support.h"
 
 using namespace kal;
@@ -33,6 +34,7 @@ class DaemonStartupTest : public ::testing::Test {
     }
 
     TempRoot root_;
+    PrivateBus bus_;  // the daemon serves its clients on it
 };
 
 TEST_F(DaemonStartupTest, LogsHelloAndSaysGoodbyeOnSigterm) {

@@ -1,0 +1,240 @@
+// Forwarding notifications to subscribed clients, and what happens to
+// clients that die, hang, refuse, unregister or only listen (secondaries).
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <string>
+#include <thread>
+
+#include "service/bus_values.h"
+#include "service/notifier.h"
+#include "service/vocabulary.h"
+#include "spokesman_fixture.h"
+
+using namespace kal;
+using namespace kal::test;
+using namespace std::chrono_literals;
+using ::testing::ContainsRegex;
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+using ::testing::Not;
+
+namespace {
+
+void ring(const char* serial = "A1") {
+    handle_qlx_message("R", 1, 0, serial);
+}
+
+std::string removal(const BusClient& c) {
+    return "Removing distant object " + c.uniqueName() + c.path() + " due to ";
+}
+
+TEST_F(SpokesmanTest, NotificationsFromAnotherThreadArriveInOrderUnderTheirEventNames) {
+    start();
+    auto c = client({"KALDigitDialed", "RequestComplete"});
+    std::thread line_thread([] {
+        for (int i = 0; i < 50; ++i) {
+            const char digit[] = {'#', static_cast<char>('0' + i % 10)};
+            handle_qlx_message(digit, 2, 3, "A1");
+            if (i % 10 == 9)
+                notify_cmd_failure("tok" + std::to_string(i), kal_ResponseCode_ERR_NoResource,
+                                   std::string("A1"));
+        }
+    });
+    line_thread.join();
+    ASSERT_TRUE(pump_until({c.get()}, [&] { return c->received().size() == 55; }))
+        << c->received().size();
+
+    std::string digits, completions;
+    for (const auto& n : c->received()) {
+        EXPECT_EQ(n.object.str(), "A1");
+        // The event time travels as x, every other integer as i.
+        EXPECT_TRUE(n.userInfo.at(kal_EventTimeKey).is<int64_t>());
+        if (n.name == "KALDigitDialed") {
+            digits += n.userInfo.at(kal_DigitContentsKey).str();
+            EXPECT_EQ(n.userInfo.at(kal_QLXNumberKey).as<int32_t>(), 3);
+        } else {
+            EXPECT_EQ(n.name, "RequestComplete");
+            completions += n.userInfo.at(kal_Token).str() + ",";
+            // Each outcome comes right after the digit it followed.
+            EXPECT_EQ(digits.size() % 10, 0u);
+        }
+    }
+    EXPECT_EQ(digits, "01234567890123456789012345678901234567890123456789");
+    EXPECT_EQ(completions, "tok9,tok19,tok29,tok39,tok49,");
+}
+
+TEST_F(SpokesmanTest, ASubscriberListedTwiceGetsEachNotificationTwice) {
+    start();
+    auto twice = client({"KALRingDetect", "KALRingDetect"}, "/twice");
+    auto once = client({"KALRingDetect"}, "/once");
+    ring();
+    ring();
+    ASSERT_TRUE(pump_until({twice.get(), once.get()}, [&] {
+        return twice->received().size() == 4 && once->received().size() == 2;
+    }));
+    EXPECT_THAT(twice->receivedNames(),
+                ElementsAre("KALRingDetect", "KALRingDetect", "KALRingDetect", "KALRingDetect"));
+}
+
+TEST_F(SpokesmanTest, NamesPostedInProcessReachTheirSubscribersAndUnwantedOnesAreDropped) {
+    start();
+    auto c = client({kal_PleaseChangeDebugLevel});
+    NotificationCenter::defaultCenter().post(
+        {kal_RequestComplete, Value("A1"), {{kal_Token, Value("nobody")}}});
+    EXPECT_TRUE(
+        waitLogged("No one cares about notifications of type RequestComplete. Discarding "
+                   "notification {name = RequestComplete; object = A1} with user info "
+                   "{KALToken = nobody}"));
+    NotificationCenter::defaultCenter().post(
+        {kal_PleaseChangeDebugLevel, Value(int32_t{3}), {{kal_DebugLevel, Value(int32_t{3})}}});
+    ASSERT_TRUE(pump_until({c.get()}, [&] { return c->received().size() == 1; }));
+    EXPECT_EQ(c->received()[0].object, Value(int32_t{3}));
+    EXPECT_EQ(c->received()[0].userInfo.at(kal_DebugLevel), Value(int32_t{3}));
+}
+
+TEST_F(SpokesmanTest, RedistributedNotificationsKeepEveryNestedValue) {
+    start();
+    auto sender = client({}, "/sender");
+    auto listener = client({"KALJobsChanged", "KALPleaseRecord"}, "/listener");
+    const Value object(ValueDict{
+        {"rows", Value(ValueArray{Value(int32_t{1}), Value(int64_t{-2}), Value("three")})},
+        {"blob", Value(Bytes{0, 1, 255})},
+        {"nested", Value(ValueDict{{"ok", Value(true)}, {"ratio", Value(0.5)}})},
+    });
+    const ValueDict info{
+        {kal_EventTimeKey, Value(int32_t{1700000000})},
+        {"big", Value(uint64_t{1} << 40)},
+        {"list", Value(ValueArray{Value("a"), Value(ValueDict{{"b", Value(uint32_t{7})}})})},
+    };
+    auto redistribute = [&](const char* name, const Value& obj, const ValueDict& user_info) {
+        return sender->callWith("RedistributeNotification", [&](sd_bus_message* m) {
+            int r = sd_bus_message_append_basic(m, 's', name);
+            if (r >= 0)
+                r = bus::append_variant(m, obj);
+            return r < 0 ? r : bus::append_dict(m, user_info);
+        });
+    };
+    ASSERT_TRUE(redistribute("KALJobsChanged", object, info).ok());
+    // A notification that names its event goes out under that name.
+    ASSERT_TRUE(
+        redistribute("Anything", Value("A1"), {{kal_NotificationNameKey, Value("KALPleaseRecord")}})
+            .ok());
+    ASSERT_TRUE(pump_until({listener.get()}, [&] { return listener->received().size() == 2; }));
+
+    const auto& jobs = listener->received()[0];
+    EXPECT_EQ(jobs.name, "KALJobsChanged");
+    EXPECT_EQ(jobs.object, object);
+    EXPECT_EQ(jobs.userInfo.at(kal_EventTimeKey), Value(int64_t{1700000000}));
+    EXPECT_EQ(jobs.userInfo.at("big"), info.at("big"));
+    EXPECT_EQ(jobs.userInfo.at("list"), info.at("list"));
+    EXPECT_EQ(listener->received()[1].name, "KALPleaseRecord");
+    EXPECT_TRUE(logged("Starting redistributeNotification with {name = KALJobsChanged; object = "));
+}
+
+TEST_F(SpokesmanTest, AClientThatDiedIsDroppedAtTheFirstFailedDelivery) {
+    start();
+    auto dead = client({"KALRingDetect", "RequestComplete"}, "/dead");
+    auto alive = client({"KALRingDetect"}, "/alive");
+    dead->close();
+    ring();
+    ASSERT_TRUE(pump_until({alive.get()}, [&] { return alive->received().size() == 1; }));
+    ASSERT_TRUE(waitLogged(removal(*dead)));
+    // Gone before the call, or gone with it unanswered: either way unreachable.
+    EXPECT_THAT(log(), ContainsRegex("due to exception on send: "
+                                     "org.freedesktop.DBus.Error.(ServiceUnknown|NoReply) "
+                                     "\\([0-9]+ secs elapsed\\)"));
+    EXPECT_FALSE(subscribed(*dead, "KALRingDetect"));
+    EXPECT_FALSE(subscribed(*dead, "RequestComplete"));
+    EXPECT_TRUE(subscribed(*alive, "KALRingDetect"));
+
+    ring();
+    ASSERT_TRUE(pump_until({alive.get()}, [&] { return alive->received().size() == 2; }));
+    const std::string text = log();
+    EXPECT_EQ(text.find(removal(*dead)), text.rfind(removal(*dead)));
+}
+
+TEST_F(SpokesmanTest, AClientThatNeverAnswersDelaysNoOneAndIsDroppedOnTimeout) {
+    SpokesmanOptions options;
+    options.callTimeout = 2s;
+    start(options);
+    auto hung = client({"KALRingDetect"}, "/hung");  // never pumped from here on
+    auto prompt = client({"KALRingDetect"}, "/prompt");
+    for (int i = 0; i < 20; ++i)
+        ring();
+    ASSERT_TRUE(pump_until({prompt.get()}, [&] { return prompt->received().size() == 20; }));
+    EXPECT_FALSE(logged(removal(*hung))) << "the prompt client waited for the hung one";
+
+    ASSERT_TRUE(
+        waitLogged(removal(*hung) + "exception on send: org.freedesktop.DBus.Error.NoReply"));
+    EXPECT_FALSE(subscribed(*hung, "KALRingDetect"));
+    EXPECT_TRUE(subscribed(*prompt, "KALRingDetect"));
+}
+
+TEST_F(SpokesmanTest, AClientThatFallsTooFarBehindIsDroppedWithoutWaitingForTheTimeout) {
+    SpokesmanOptions options;
+    options.maxQueuedPerClient = 3;
+    start(options);
+    auto behind = client({"KALRingDetect"}, "/behind");  // never pumped from here on
+    // One in flight and three waiting fit; the fifth is one too many.
+    for (int i = 0; i < 5; ++i)
+        ring();
+    ASSERT_TRUE(waitLogged(removal(*behind) +
+                           "exception on send: org.freedesktop.DBus.Error.LimitsExceeded"));
+    EXPECT_FALSE(subscribed(*behind, "KALRingDetect"));
+}
+
+TEST_F(SpokesmanTest, OtherErrorsFromAClientAreLoggedAndItStaysSubscribed) {
+    start();
+    auto refusing = client({"KALRingDetect"});
+    refusing->failDeliveriesWith("com.example.Error.Busy");
+    ring();
+    ring();
+    ASSERT_TRUE(pump_until({refusing.get()}, [&] { return refusing->received().size() == 2; }));
+    EXPECT_TRUE(
+        waitLogged("Eating exception which occurred in "
+                   "handleLineISRPassThrough/redistributedNotification: "
+                   "com.example.Error.Busy (Refused by the test client) userInfo: "
+                   "null userinfo"));
+    EXPECT_TRUE(subscribed(*refusing, "KALRingDetect"));
+    EXPECT_FALSE(logged("Removing distant object"));
+}
+
+TEST_F(SpokesmanTest, UnRegisterMeEndsServiceAndTheNextDeliveryDropsTheClient) {
+    start();
+    auto leaving = client({"KALRingDetect"});
+    ASSERT_TRUE(leaving->call("UnRegisterMe", "o", leaving->path().c_str()).ok());
+    EXPECT_EQ(leaving->call("Resources", "").errorMessage, "#16 Unauthenticated request");
+    EXPECT_TRUE(subscribed(*leaving, "KALRingDetect"));
+
+    ring();
+    ASSERT_TRUE(waitLogged(removal(*leaving) +
+                           "exception on send: org.freedesktop.DBus.Error.Disconnected "
+                           "(0 secs elapsed)"));
+    leaving->process();
+    EXPECT_THAT(leaving->received(), IsEmpty());
+    EXPECT_FALSE(subscribed(*leaving, "KALRingDetect"));
+}
+
+TEST_F(SpokesmanTest, SecondariesArePingedUntilTheyAreGone) {
+    SpokesmanOptions options;
+    options.pingInterval = 50ms;
+    start(options);
+    auto primary = client({}, "/primary");
+    auto secondary = client({}, "/secondary", true);
+    ASSERT_TRUE(
+        pump_until({primary.get(), secondary.get()}, [&] { return secondary->pings() >= 3; }));
+    EXPECT_EQ(primary->pings(), 0);
+    EXPECT_TRUE(logged("Done pinging secondary " + secondary->uniqueName() + "/secondary."));
+
+    secondary->close();
+    ASSERT_TRUE(waitLogged(removal(*secondary) + "exception on ping: "));
+    EXPECT_TRUE(waitLogged("No more secondaries. Invalidating timer."));
+    EXPECT_FALSE(server_->get<bool>([](KALSpokesman& s) { return s.pingTimerRunning(); }));
+    EXPECT_THAT(server_->get<std::vector<Proxy>>(
+                    [](KALSpokesman& s) { return s.registry().secondaryDistants(); }),
+                IsEmpty());
+}
+
+}  // namespace
