@@ -23,6 +23,7 @@
 #include "log/kallog.h"
 #include "log/trasher.h"
 #include "service/notifier.h"
+#include "service/spokesman.h"
 
 using namespace kal;
 
@@ -64,6 +65,9 @@ int main(int argc, char** argv) {
     kallogversion(kVersionText);
     install_dm_exit();
     kallog(KAL_NOTICE, "Hello, World!");
+    // The client server exists from here on but serves only once the run
+    // loop starts, after the line monitors are up.
+    KALSpokesman spokesman;
     Notifier::soleInstance();
     kallog(KAL_DEBUG, "Notifier created.");
 
@@ -103,10 +107,5 @@ int main(int argc, char** argv) {
         qlx_enabled_silence_detection = 0;
     }
 
-    int rc = sd_event_loop(loop.get());
-    if (rc < 0) {
-        kallog(KAL_ERR, "Main event loop failed (%d-%s). Quitting.", -rc, strerror(-rc));
-        dm_exit(1);
-    }
-    return 0;
+    spokesman.startRunloop(loop.get());
 }
