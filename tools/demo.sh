@@ -16,6 +16,7 @@ mkdir -p "$KAL_ROOT/var/tmp" "$resources"
 for program in KALLineMonitor ZRXLineMonitor; do
     ln -s "$KAL_DEMO_BIN/kal-linesim" "$resources/$program"
 done
+cp build/normal/resources/tone450.raw "$resources/tone450.raw"
 # Keep umockdev's scratch files out of /tmp.
 export TMPDIR=$PWD/build/demo-tmp
 mkdir -p "$TMPDIR"

@@ -42,6 +42,12 @@ void install_linesim() {
     }
 }
 
+void install_tone450() {
+    make_dirs(kal::resources_dir());
+    std::filesystem::copy_file(KAL_TEST_RESOURCES_DIR "/tone450.raw", kal::tone450_path(),
+                               std::filesystem::copy_options::overwrite_existing);
+}
+
 std::string linesim_socket(const std::string& serial) {
     return kal::linesim::control_socket_path(serial);
 }

@@ -23,6 +23,9 @@ namespace kal::test {
 // Symlinks bin/kal-linesim as the type-1 and type-2 line-monitor programs
 // of the current KAL_ROOT (creating the resources directory).
 void install_linesim();
+// Copies the recording beep the build generated (resources/tone450.raw) to
+// tone450_path() of the current KAL_ROOT (creating the resources directory).
+void install_tone450();
 
 // The control socket of the simulator for `serial` in the current KAL_ROOT.
 std::string linesim_socket(const std::string& serial);
