@@ -272,8 +272,10 @@ void report_disconnected_resource(const std::string& serial) {
 
 void report_vmnode_complete(const std::string& token, const std::string& code, char cause,
                             char onHook, const std::string& serial) {
+    // A cause of 0 means "no cause": an empty text, since a NUL has no
+    // place in a string a client receives.
     Notifier::soleInstance().reportVMNodeCompletion(code, token, serial, onHook != 0,
-                                                    std::string(1, cause));
+                                                    cause ? std::string(1, cause) : std::string());
 }
 
 void report_vmnode_completes(const std::string& token, const std::string& code,

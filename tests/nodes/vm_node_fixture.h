@@ -30,7 +30,8 @@ struct Session {
 };
 
 inline const std::string kToken = "vm-token";
-inline const std::string kNoCause(1, '\0');
+// A cause of 0 reaches clients as an empty text.
+inline const std::string kNoCause;
 
 inline std::string ptr(const void* p) {
     char buf[32];

@@ -355,7 +355,7 @@ TEST_F(VMNodeTest, AFinishedRecordingReportsWhetherAudioCameAndDropsEmptyFiles) 
         auto done = lines_.completions();
         ASSERT_EQ(done.size(), 1u);
         EXPECT_EQ(done[0].code, c.code);
-        EXPECT_EQ(done[0].cause, std::string(1, c.stopChar));
+        EXPECT_EQ(done[0].cause, c.stopChar ? std::string(1, c.stopChar) : kNoCause);
         EXPECT_EQ(done[0].onHook, 1);
         EXPECT_EQ(lines_.nextCommand(), std::nullopt) << "no hang-up of its own";
         EXPECT_EQ(file_exists(icmPath()), c.fileBytes > 0);
