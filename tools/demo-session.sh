@@ -13,12 +13,38 @@ wait_log() {
 }
 show_log() { grep -E -- "$1" "$log" | sed -E 's/^[A-Z][a-z]{2} [A-Z][a-z]{2} [ 0-9]{2} ([0-9:]{8}) [0-9]{4} /\1 /' | tail -n "${2:-20}"; }
 
+step "a private system bus with the daemon's own policy"
+bus_dir=$KAL_ROOT/run/dbus
+mkdir -p "$bus_dir"
+sed -e "s|@KAL_BUS_SOCKET@|$bus_dir/system_bus_socket|" \
+    -e "s|@KAL_DBUS_POLICY@|$KAL_DEMO_DATA/dbus/com.orvane.devicemaster.conf|" \
+    -e "s|@KAL_TEST_USER@|$(id -un)|" \
+    "$KAL_DEMO_DATA/dbus/test-bus.conf.in" >"$bus_dir/bus.conf"
+dbus-daemon --config-file="$bus_dir/bus.conf" --nofork --nopidfile --print-address=1 \
+    >"$bus_dir/address" &
+bus=$!
+for _ in $(seq 1 200); do [ -s "$bus_dir/address" ] && break; sleep 0.05; done
+export DBUS_SYSTEM_BUS_ADDRESS=$(head -n1 "$bus_dir/address")
+echo "DBUS_SYSTEM_BUS_ADDRESS=$DBUS_SYSTEM_BUS_ADDRESS"
+
 step "starting kaldevicemaster (KAL_ROOT=$KAL_ROOT)"
 KAL_LINESIM_SPEED=20 "$bin/kaldevicemaster" 2>/dev/null &
 daemon=$!
-trap 'kill $daemon 2>/dev/null || true' EXIT
+trap 'kill $daemon $monitor $bus 2>/dev/null || true' EXIT
+monitor=""
 wait_log "Adding logtrasher thread"
+wait_log "Vending Listener"
 show_log "Hello, World!|Assigning #|Trying to initialize|Successful fork"
+
+step "kalctl lines"
+for _ in $(seq 1 100); do "$bin/kalctl" lines >/dev/null 2>&1 && break; sleep 0.05; done
+"$bin/kalctl" lines
+
+step "kalctl monitor: a client subscribed to every event (its output follows below)"
+"$bin/kalctl" monitor >"$KAL_ROOT/monitor.txt" 2>&1 &
+monitor=$!
+# Its last subscription is to request outcomes.
+wait_log "subscription array for 'RequestComplete'"
 
 step "the line monitors running (one per adapter) and the orders each received"
 sim KL1001 orders
@@ -33,6 +59,9 @@ sim KL1001 digits 42#
 sim KL1001 onhook
 wait_log "Read 1 bytes from QLX0: 'p'"
 show_log "Read [0-9]+ bytes from QLX0" 12
+for _ in $(seq 1 200); do grep -q "KALHookStatus.*KALHookContentsKey = 1" "$KAL_ROOT/monitor.txt" && break; sleep 0.05; done
+echo "-- what the client saw:"
+grep -E "KALRingDetect|KALCallerID|KALHookStatus|KALDigitDialed" "$KAL_ROOT/monitor.txt"
 
 step "the line monitor of ZR2002 crashes; the supervisor restarts it"
 sim ZR2002 crash 11 || true
@@ -41,9 +70,11 @@ show_log "terminated with signal|restart rescanned|Successful fork" 4
 sim ZR2002 orders
 
 step "stopping the daemon with SIGTERM"
+kill $monitor 2>/dev/null || true
 kill -TERM $daemon
 rc=0
 wait $daemon || rc=$?
 trap - EXIT
 echo "exit status $rc"
 show_log "quit handler|Goodbye, World!"
+kill $bus 2>/dev/null || true

@@ -9,6 +9,7 @@ bash tools/install-deps.sh
 bash tools/build.sh normal >/dev/null
 
 export KAL_DEMO_BIN=$PWD/build/normal/bin
+export KAL_DEMO_DATA=$PWD/data
 export KAL_ROOT=$PWD/build/demo-root
 rm -rf "$KAL_ROOT"
 resources="$KAL_ROOT/Library/Frameworks/KALPhoneKit.framework/Resources"
