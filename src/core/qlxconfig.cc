@@ -3,15 +3,12 @@
 #include <plist/plist.h>
 
 #include <cstdlib>
-#include <fstream>
-#include <iterator>
-#include <memory>
+
+#include "core/plist_value.h"
 
 int8_t qlx_enabled_silence_detection = 0;
 
 namespace {
-
-using PlistPtr = std::unique_ptr<void, decltype(&plist_free)>;
 
 // The integer value of a property as the configuration has always read it:
 // the leading integer of a string ("12abc" is 12, "abc" is 0), a number
@@ -48,17 +45,27 @@ long long int_value(plist_t node) {
 }  // namespace
 
 bool read_silence_detection(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    if (!in)
+    kal::PlistPtr root = kal::read_plist_file(path);
+    if (!root || plist_get_node_type(root.get()) != PLIST_DICT)
         return false;
-    std::string data((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-    if (data.empty())
-        return false;
-    plist_t root = nullptr;
-    plist_from_memory(data.data(), static_cast<uint32_t>(data.size()), &root);
-    PlistPtr owner(root, plist_free);
-    if (!root || plist_get_node_type(root) != PLIST_DICT)
-        return false;
-    plist_t value = plist_dict_get_item(root, kSilenceDetectionKey);
+    plist_t value = plist_dict_get_item(root.get(), kSilenceDetectionKey);
     return value && int_value(value) != 0;
+}
+
+std::optional<kal::ValueDict> read_line_preferences(const std::string& path) {
+    kal::PlistPtr root = kal::read_plist_file(path);
+    if (!root || plist_get_node_type(root.get()) != PLIST_DICT)
+        return std::nullopt;
+    return std::get<kal::ValueDict>(std::move(kal::value_from_plist(root.get())->v));
+}
+
+bool write_line_preferences(const std::string& path, const kal::ValueDict& preferences) {
+    kal::PlistPtr root = kal::read_plist_file(path);
+    if (!root || plist_get_node_type(root.get()) != PLIST_DICT)
+        root.reset(plist_new_dict());
+    for (const auto& [key, value] : preferences) {
+        if (plist_t node = kal::plist_from_value(value))
+            plist_dict_set_item(root.get(), key.c_str(), node);
+    }
+    return kal::write_plist_file(path, root.get());
 }

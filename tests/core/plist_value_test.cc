@@ -1,0 +1,143 @@
+// Property lists to and from kal::Value, and the line preferences kept in
+// the configuration file beside the daemon's own key.
+
+#include "core/plist_value.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <climits>
+
+#include "core/qlxconfig.h"
+#include "test_support.h"
+
+using namespace kal;
+using namespace kal::test;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+
+namespace {
+
+ValueDict every_kind() {
+    return {
+        {"text", Value("a <b> & \"c\"")},
+        {"empty text", Value("")},
+        {"small", Value(int32_t{-7})},
+        {"wide", Value(int64_t{1} << 40)},
+        {"negative wide", Value(INT64_MIN)},
+        {"yes", Value(true)},
+        {"no", Value(false)},
+        {"real", Value(0.1)},
+        {"data", Value(Bytes{0, 1, 0xfe, 0xff})},
+        {"list", Value(ValueArray{Value("x"), Value(int32_t{2}), Value(ValueArray{})})},
+        {"nested", Value(ValueDict{{"inner", Value(ValueDict{{"deep", Value(int32_t{3})}})}})},
+    };
+}
+
+TEST(PlistValueTest, EveryKindSurvivesAFileRoundTrip) {
+    TempRoot root;
+    const std::string path = root.path() + "/prefs.plist";
+    PlistPtr tree(plist_from_value(Value(every_kind())));
+    ASSERT_TRUE(write_plist_file(path, tree.get()));
+
+    PlistPtr back = read_plist_file(path);
+    ASSERT_TRUE(back);
+    const auto value = value_from_plist(back.get());
+    ASSERT_TRUE(value && value->is<ValueDict>());
+    EXPECT_EQ(value->as<ValueDict>(), every_kind());
+}
+
+TEST(PlistValueTest, IntegersComeBackAsTheNarrowestSignedKind) {
+    struct Case {
+        const char* desc;
+        Value in;
+        Value out;
+    } cases[] = {
+        {"unsigned 32 that fits", Value(uint32_t{5}), Value(int32_t{5})},
+        {"unsigned 32 that does not", Value(uint32_t{UINT32_MAX}), Value(int64_t{UINT32_MAX})},
+        {"wide that fits", Value(int64_t{-1}), Value(int32_t{-1})},
+        {"unsigned 64 that fits", Value(uint64_t{9}), Value(int32_t{9})},
+    };
+    for (const auto& c : cases) {
+        PlistPtr node(plist_from_value(c.in));
+        EXPECT_EQ(value_from_plist(node.get()), c.out) << c.desc;
+    }
+}
+
+TEST(PlistValueTest, KindsWithoutACounterpartAreLeftOut) {
+    PlistPtr dict(plist_new_dict());
+    plist_dict_set_item(dict.get(), "when", plist_new_date(0, 0));
+    plist_dict_set_item(dict.get(), "kept", plist_new_string("k"));
+    EXPECT_EQ(value_from_plist(dict.get()), Value(ValueDict{{"kept", Value("k")}}));
+
+    EXPECT_EQ(plist_from_value(Value()), nullptr);
+    PlistPtr array(plist_from_value(Value(ValueArray{Value(), Value(true)})));
+    EXPECT_EQ(plist_array_get_size(array.get()), 1u);
+}
+
+TEST(PlistValueTest, AFailedRenameLeavesNoTemporary) {
+    TempRoot root;
+    const std::string dir = root.path() + "/conf";
+    // A directory in the way: the temporary is written, the rename fails.
+    const std::string path = dir + "/prefs.plist";
+    make_dirs(path + "/occupied");
+    PlistPtr tree(plist_from_value(Value(ValueDict{{"a", Value(true)}})));
+
+    errno = 0;
+    EXPECT_FALSE(write_plist_file(path, tree.get()));
+    EXPECT_EQ(errno, EISDIR);
+    EXPECT_THAT(list_dir(dir), ElementsAre("prefs.plist"));
+    EXPECT_FALSE(write_plist_file(root.path() + "/missing/prefs.plist", tree.get()));
+    EXPECT_EQ(errno, ENOENT);
+}
+
+TEST(LinePreferencesTest, WritingKeepsTheKeysItDoesNotName) {
+    TempRoot root;
+    const std::string path = root.path() + "/qlxconfig";
+    write_file(path,
+               "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
+               "<plist version=\"1.0\"><dict>"
+               "<key>KALVMSilenceDetection</key><integer>1</integer>"
+               "<key>Installed</key><date>2006-10-06T15:57:48Z</date>"
+               "<key>Line</key><dict><key>old</key><true/></dict>"
+               "</dict></plist>\n",
+               0600);
+
+    ASSERT_TRUE(write_line_preferences(
+        path, {{"Line", Value(ValueDict{{"rings", Value(int32_t{4})}})}, {"Name", Value("Home")}}));
+
+    const auto prefs = read_line_preferences(path);
+    ASSERT_TRUE(prefs);
+    EXPECT_EQ(*prefs, (ValueDict{{"KALVMSilenceDetection", Value(int32_t{1})},
+                                 {"Line", Value(ValueDict{{"rings", Value(int32_t{4})}})},
+                                 {"Name", Value("Home")}}))
+        << "a named key is replaced whole, the others stay";
+    EXPECT_TRUE(read_silence_detection(path));
+    // A key Value cannot carry is still in the file.
+    EXPECT_THAT(read_file(path), HasSubstr("<date>2006-10-06T15:57:48Z</date>"));
+    struct stat st {};
+    ASSERT_EQ(stat(path.c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 0777, 0644u);
+    EXPECT_THAT(list_dir(root.path()), ::testing::Contains("qlxconfig"));
+    for (const auto& name : list_dir(root.path()))
+        EXPECT_FALSE(name.starts_with("qlxconfig.")) << "temporary left behind: " << name;
+}
+
+TEST(LinePreferencesTest, AMissingOrMalformedFileStartsAfresh) {
+    TempRoot root;
+    const std::string path = root.path() + "/qlxconfig";
+    EXPECT_FALSE(read_line_preferences(path));
+
+    for (const char* content : {"", "not a plist", "<plist version=\"1.0\"><array/></plist>"}) {
+        write_file(path, content);
+        EXPECT_FALSE(read_line_preferences(path)) << content;
+        ASSERT_TRUE(write_line_preferences(path, {{"k", Value("v")}})) << content;
+        EXPECT_EQ(read_line_preferences(path), (ValueDict{{"k", Value("v")}})) << content;
+        unlink(path.c_str());
+    }
+}
+
+}  // namespace
