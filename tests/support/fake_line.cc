@@ -191,7 +191,9 @@ void FakeLines::settle() {
 void FakeLines::advance(int seconds) {
     for (int i = 0; i < seconds; ++i) {
         clock_.advance(1);
-        if (pending_timer_count() > 0)
+        // A running thread may be inside a callback it has already taken
+        // off the list: settle behind it too.
+        if (pending_timer_count() > 0 || timer_thread_running())
             settle();
     }
 }
