@@ -7,6 +7,10 @@
 // when there is none, the audio file the client made for it is deleted
 // here, so that the client's temporary files do not pile up. Main thread.
 
+#include <errno.h>
+#include <string.h>
+#include <unistd.h>
+
 #include <exception>
 #include <new>
 
@@ -14,7 +18,9 @@
 #include "base/value.h"
 #include "log/kallog.h"
 #include "nodes/cr_node.h"
+#include "nodes/script_node.h"
 #include "nodes/vm_node.h"
+#include "nodes/vmcheck_node.h"
 #include "service/kal_errors.h"
 #include "service/requests.h"
 #include "service/vocabulary.h"
@@ -38,6 +44,17 @@ StringList copy_choices(const StringList& list, const char* record) {
     } catch (const std::bad_alloc&) {
         kallog(KAL_ERR, "Malloc of %s record failed. Quitting.", record);
         dm_exit(1);
+    }
+}
+
+// Deletes an audio file a client made for a node that is no longer there.
+void dispose_of_client_audio(const std::string& path) {
+    if (unlink(path.c_str()) == 0) {
+        kallog(KAL_DEBUG, "DM removed non-needed temporary file '%s'", path.c_str());
+    } else {
+        const int err = errno;
+        kallog(KAL_WARN, "DM could not dispose of non-needed temporary file '%s': %d-%s",
+               path.c_str(), err, strerror(err));
     }
 }
 
@@ -97,24 +114,75 @@ std::string beginVMNodeForResource(const Caller&, const OptString& serial, const
     });
 }
 
-std::string beginVMCheckNodeForResource(const Caller&, const OptString&, const OptString&,
-                                        const OptString&, const OptString&, int32_t) {
-    return kal_ResponseCode_ERR_UnimplementedRequest;
+std::string beginVMCheckNodeForResource(const Caller&, const OptString& serial,
+                                        const OptString& token, const OptString& initialGreeting,
+                                        const OptString& interMessageGreeting, int32_t special) {
+    return guarded("beginVMCheckNode...", [&]() -> std::string {
+        if (!serial || !token || !initialGreeting || !interMessageGreeting)
+            return kal_ResponseCode_ERR_MalformedRequest;
+        kallog(KAL_DEBUG,
+               "beginVMCheckNodeForResource:%s token:%s initialGreeting:%s "
+               "interMessageGreeting:%s called",
+               serial->c_str(), token->c_str(), initialGreeting->c_str(),
+               interMessageGreeting->c_str());
+        if (!VMCheckNode::beginForResource(*serial, *token, *initialGreeting, *interMessageGreeting,
+                                           special))
+            return kal_ResponseCode_ERR_InternalError;
+        return kal_ResponseCode_OK;
+    });
 }
 
-std::string restartVMCheckNodeForResource(const Caller&, const OptString&, const OptString&,
-                                          const OptString&) {
-    return kal_ResponseCode_ERR_UnimplementedRequest;
+std::string restartVMCheckNodeForResource(const Caller&, const OptString& serial,
+                                          const OptString& token,
+                                          const OptString& initialGreeting) {
+    // Its failures are logged as those of the next-message request, its twin.
+    return guarded("nextVMCheckMessage...", [&]() -> std::string {
+        if (!serial || !token || !initialGreeting)
+            return kal_ResponseCode_ERR_MalformedRequest;
+        kallog(KAL_DEBUG, "restartVMCheckNode: '%s' token: '%s' audio: '%s' called.",
+               serial->c_str(), token->c_str(), initialGreeting->c_str());
+        if (VMCheckNode::restartForResource(*serial, *initialGreeting))
+            return kal_ResponseCode_OK;
+        kallog(KAL_DEBUG, "No such node, or node no longer vmcheck node");
+        dispose_of_client_audio(*initialGreeting);
+        return kal_ResponseCode_ERR_NoResource;
+    });
 }
 
-std::string nextVMCheckMessage(const Caller&, const OptString&, const OptString&,
-                               const OptString&) {
-    return kal_ResponseCode_ERR_UnimplementedRequest;
+std::string nextVMCheckMessage(const Caller&, const OptString& serial, const OptString& token,
+                               const OptString& audio) {
+    return guarded("nextVMCheckMessage...", [&]() -> std::string {
+        if (!serial || !token || !audio)
+            return kal_ResponseCode_ERR_MalformedRequest;
+        kallog(KAL_DEBUG, "nextVMCheckMessage: '%s' token: '%s' audio: '%s' called.",
+               serial->c_str(), token->c_str(), audio->c_str());
+        if (VMCheckNode::nextMessageForResource(*serial, *audio))
+            return kal_ResponseCode_OK;
+        kallog(KAL_DEBUG, "No such node, or node no longer vmcheck node");
+        dispose_of_client_audio(*audio);
+        return kal_ResponseCode_ERR_NoResource;
+    });
 }
 
-std::string scriptCompletedForResource(const Caller&, const OptString&, const OptString&, int32_t,
-                                       const OptString&) {
-    return kal_ResponseCode_ERR_UnimplementedRequest;
+// The sequence number is always there: the bus carries it as an integer.
+std::string scriptCompletedForResource(const Caller&, const OptString& serial,
+                                       const OptString& token, int32_t sequenceNumber,
+                                       const OptString& responseAudio) {
+    // Its failures are logged under the stop request's name, as they always were.
+    return guarded("stopCRNodeForResource...", [&]() -> std::string {
+        if (!serial || !token)
+            return kal_ResponseCode_ERR_MalformedRequest;
+        kallog(KAL_DEBUG,
+               "scriptCompletedForResource: '%s' token: '%s' sequence: '%d' response: '%s' "
+               "called.",
+               serial->c_str(), token->c_str(), sequenceNumber, or_nil(responseAudio));
+        if (ScriptNode::scriptCompletedForResource(*serial, *token, sequenceNumber, responseAudio))
+            return kal_ResponseCode_OK;
+        kallog(KAL_DEBUG, "No such node, or node no longer script node");
+        if (responseAudio)
+            dispose_of_client_audio(*responseAudio);
+        return kal_ResponseCode_ERR_NoResource;
+    });
 }
 
 std::string stopCRNodeForResource(const Caller&, const OptString& serial) {
@@ -129,9 +197,23 @@ std::string stopCRNodeForResource(const Caller&, const OptString& serial) {
     });
 }
 
-std::string startScriptNodeForResource(const Caller&, const OptString&, const OptString&,
-                                       const StringList&, const StringList&, const OptString&) {
-    return kal_ResponseCode_ERR_UnimplementedRequest;
+// An empty list is the client's nil: the session needs at least one code.
+std::string startScriptNodeForResource(const Caller&, const OptString& serial,
+                                       const OptString& token, const StringList& choices,
+                                       const StringList& responseChoices,
+                                       const OptString& prepicking) {
+    return guarded("startScriptNode...", [&]() -> std::string {
+        if (!serial || !token || (choices.empty() && responseChoices.empty()))
+            return kal_ResponseCode_ERR_MalformedRequest;
+        kallog(KAL_DEBUG,
+               "startScriptNodeForResource:%s token:%s with %d choices:%s achoices:%s called",
+               serial->c_str(), token->c_str(),
+               static_cast<int>(choices.size() + responseChoices.size()),
+               describe_list(choices).c_str(), describe_list(responseChoices).c_str());
+        if (!ScriptNode::startForResource(*serial, *token, choices, responseChoices, prepicking))
+            return kal_ResponseCode_ERR_InternalError;
+        return kal_ResponseCode_OK;
+    });
 }
 
 }  // namespace kal::requests
