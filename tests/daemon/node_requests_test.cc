@@ -17,6 +17,7 @@
 using namespace kal;
 using namespace kal::test;
 using ::testing::HasSubstr;
+using ::testing::Not;
 using ::testing::StartsWith;
 
 namespace {
@@ -39,7 +40,9 @@ class DaemonNodeRequestsTest : public ::testing::Test {
         client_ = std::make_unique<BusClient>();
         // The daemon owns its name once it serves.
         ASSERT_TRUE(wait_for([&] { return client_->registerApp().ok(); })) << log();
-        ASSERT_TRUE(client_->subscribe("RequestComplete").ok());
+        for (const char* name : {"RequestComplete", "KALPleaseRunActionScriptForCaller",
+                                 "kal_PleaseProvideNextMessageForVMCheck"})
+            ASSERT_TRUE(client_->subscribe(name).ok());
     }
     void TearDown() override {
         daemon_->signal(SIGTERM);
@@ -53,17 +56,23 @@ class DaemonNodeRequestsTest : public ::testing::Test {
         write_file(path, std::string(bytes, '\x80'));
         return path;
     }
-    // The code of the client's RequestComplete for `token`, once it came.
-    std::string completion(const std::string& token) {
-        std::string code;
+    // What came with the first `name` the client received for `token`.
+    ValueDict received(const std::string& name, const std::string& token) {
+        ValueDict info;
         pump_until({client_.get()}, [&] {
             for (const auto& n : client_->received())
-                if (n.name == "RequestComplete" && n.userInfo.at("KALToken").str() == token)
-                    code = n.userInfo.at("KALResponseCode").str();
-            return !code.empty();
+                if (n.name == name && n.userInfo.count("KALToken") &&
+                    n.userInfo.at("KALToken").str() == token)
+                    info = n.userInfo;
+            return !info.empty();
         });
-        return code;
+        return info;
     }
+    std::string completion(const std::string& token) {
+        ValueDict info = received("RequestComplete", token);
+        return info["KALResponseCode"].str();
+    }
+    bool logged(const std::string& text) const { return log().find(text) != std::string::npos; }
 
     TempRoot root_;
     PrivateBus bus_;
@@ -105,7 +114,7 @@ TEST_F(DaemonNodeRequestsTest, RecordingRunsUntilTheClientStopsIt) {
     EXPECT_THAT(line_->send("wait-command X"), StartsWith("ok X"));
     EXPECT_THAT(completion("cr-1"), StartsWith("kal_ResponseCode_OK_"));
     // Once the node has left the line there is nothing to stop.
-    ASSERT_TRUE(wait_for([&] { return log().find("Tearing down Node") != std::string::npos; }));
+    ASSERT_TRUE(wait_for([&] { return logged("Tearing down Node"); }));
     EXPECT_EQ(client_->call("StopCRNodeForResource", "s", kSerial).str(), kNoResource);
     EXPECT_THAT(log(), HasSubstr("DEBUG: beginCRNodeForResource:" + std::string(kSerial) +
                                  " token:cr-1 recFile:" + rec +
@@ -125,11 +134,100 @@ TEST_F(DaemonNodeRequestsTest, RequestsMissingWhatTheyNeedAreMalformedAndStartNo
         client_->call("BeginCRNodeForResource", "sssssu", s, "", o, o, o, 0u),
         client_->call("BeginCRNodeForResource", "sssssu", s, "t", "", o, o, 0u),
         client_->call("StopCRNodeForResource", "s", ""),
+        client_->call("BeginVMCheckNodeForResource", "ssssi", s, "t", o, "", 0),
+        client_->call("RestartVMCheckNodeForResource", "sss", s, "t", ""),
+        client_->call("NextVMCheckMessage", "sss", s, "", o),
+        client_->call("ScriptCompletedForResource", "ssis", s, "", 0, o),
+        client_->call("StartScriptNodeForResource", "ssasass", s, "t", 0, 0, ""),
     };
     for (size_t i = 0; i < std::size(replies); ++i)
         EXPECT_EQ(replies[i].str(), kMalformed) << "request " << i << " " << replies[i].errorName;
     EXPECT_EQ(line_->send("commands"), "ok 0 commands");
     EXPECT_TRUE(file_exists(ogm));
+}
+
+TEST_F(DaemonNodeRequestsTest, ANodeOnAnUnknownLineStartsAndReportsItsFailure) {
+    const std::string ogm = file("ogm.raw");
+    EXPECT_EQ(client_
+                  ->call("BeginVMNodeForResource", "ssssasiiis", "NOSUCH", "vm-2", ogm.c_str(), "",
+                         0, 30, 0, 0, "")
+                  .str(),
+              kOK);
+    EXPECT_EQ(completion("vm-2"), "kal_ResponseCode_ERR_InvalidFile");
+}
+
+TEST_F(DaemonNodeRequestsTest, ScriptSessionIsFedItsAudioAndOtherNodesAudioIsDeleted) {
+    const std::string answer = file("answer.raw"), message = file("message.raw"),
+                      greeting = file("greeting.raw");
+    // Ringing, not off hook: an extension picked up ends a script session.
+    EXPECT_EQ(line_->send("ring"), "ok sent R");
+    EXPECT_EQ(
+        client_->call("StartScriptNodeForResource", "ssasass", kSerial, "scr", 0, 1, "1", "").str(),
+        kOK);
+    EXPECT_THAT(line_->send("wait-command !"), StartsWith("ok !"));
+    EXPECT_THAT(log(), HasSubstr("DEBUG: startScriptNodeForResource:" + std::string(kSerial) +
+                                 " token:scr with 1 choices:() achoices:(1) called\n"));
+
+    // A script node is not a remote check: the audio meant for one goes.
+    EXPECT_EQ(client_->call("NextVMCheckMessage", "sss", kSerial, "scr", message.c_str()).str(),
+              kNoResource);
+    EXPECT_EQ(
+        client_->call("RestartVMCheckNodeForResource", "sss", kSerial, "scr", greeting.c_str())
+            .str(),
+        kNoResource);
+    EXPECT_FALSE(file_exists(message));
+    EXPECT_FALSE(file_exists(greeting));
+    EXPECT_TRUE(logged("DEBUG: No such node, or node no longer vmcheck node\n"));
+    EXPECT_TRUE(logged("DEBUG: DM removed non-needed temporary file '" + message + "'\n"));
+    EXPECT_EQ(client_->call("NextVMCheckMessage", "sss", kSerial, "scr", message.c_str()).str(),
+              kNoResource);
+    EXPECT_TRUE(logged("WARN: DM could not dispose of non-needed temporary file '" + message +
+                       "': 2-No such file or directory\n"));
+    // Nor a recording, and stopping one touches no file.
+    EXPECT_EQ(client_->call("StopCRNodeForResource", "s", kSerial).str(), kNoResource);
+
+    EXPECT_THAT(line_->send("digits 1#"), StartsWith("ok sent #"));
+    ValueDict run = received("KALPleaseRunActionScriptForCaller", "scr");
+    ASSERT_TRUE(run["KALSequenceNumber"].is<int32_t>());
+    EXPECT_EQ(client_
+                  ->call("ScriptCompletedForResource", "ssis", kSerial, "scr",
+                         run["KALSequenceNumber"].as<int32_t>(), answer.c_str())
+                  .str(),
+              kOK);
+    EXPECT_THAT(line_->send("wait-command P"), StartsWith("ok P path=" + answer + " "));
+}
+
+TEST_F(DaemonNodeRequestsTest, RemoteCheckIsFedItsMessagesAndScriptAudioIsDeleted) {
+    // Three seconds of greeting at the simulator's speed: the caller's choice
+    // comes while it plays.
+    const std::string greeting = file("greeting.raw", 3 * 100 * 8000), menu = file("menu.raw"),
+                      message = file("message.raw"), answer = file("answer.raw");
+    EXPECT_EQ(line_->send("ring"), "ok sent R");
+    EXPECT_EQ(client_
+                  ->call("BeginVMCheckNodeForResource", "ssssi", kSerial, "chk", greeting.c_str(),
+                         menu.c_str(), 0)
+                  .str(),
+              kOK);
+    EXPECT_THAT(line_->send("wait-command P"), StartsWith("ok P path=" + greeting + " "));
+
+    EXPECT_EQ(client_->call("ScriptCompletedForResource", "ssis", kSerial, "chk", 0, answer.c_str())
+                  .str(),
+              kNoResource);
+    EXPECT_FALSE(file_exists(answer));
+    EXPECT_TRUE(logged("DEBUG: No such node, or node no longer script node\n"));
+    // Without audio, and on a line that does not exist, there is nothing to delete.
+    const std::string before = log();
+    EXPECT_EQ(client_->call("ScriptCompletedForResource", "ssis", "NOSUCH", "chk", 0, "").str(),
+              kNoResource);
+    EXPECT_THAT(log().substr(before.size()), Not(HasSubstr("non-needed temporary file")));
+
+    EXPECT_THAT(line_->send("digits 1"), StartsWith("ok sent #"));
+    received("kal_PleaseProvideNextMessageForVMCheck", "chk");
+    EXPECT_EQ(client_->call("NextVMCheckMessage", "sss", kSerial, "chk", message.c_str()).str(),
+              kOK);
+    EXPECT_THAT(line_->send("wait-command P"), StartsWith("ok P path=" + message + " "));
+    EXPECT_TRUE(file_exists(message));
+    EXPECT_TRUE(file_exists(menu));
 }
 
 }  // namespace
