@@ -9,7 +9,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <climits>
 
 #include "core/qlxconfig.h"
 #include "test_support.h"
@@ -20,63 +19,6 @@ using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 
 namespace {
-
-ValueDict every_kind() {
-    return {
-        {"text", Value("a <b> & \"c\"")},
-        {"empty text", Value("")},
-        {"small", Value(int32_t{-7})},
-        {"wide", Value(int64_t{1} << 40)},
-        {"negative wide", Value(INT64_MIN)},
-        {"yes", Value(true)},
-        {"no", Value(false)},
-        {"real", Value(0.1)},
-        {"data", Value(Bytes{0, 1, 0xfe, 0xff})},
-        {"list", Value(ValueArray{Value("x"), Value(int32_t{2}), Value(ValueArray{})})},
-        {"nested", Value(ValueDict{{"inner", Value(ValueDict{{"deep", Value(int32_t{3})}})}})},
-    };
-}
-
-TEST(PlistValueTest, EveryKindSurvivesAFileRoundTrip) {
-    TempRoot root;
-    const std::string path = root.path() + "/prefs.plist";
-    PlistPtr tree(plist_from_value(Value(every_kind())));
-    ASSERT_TRUE(write_plist_file(path, tree.get()));
-
-    PlistPtr back = read_plist_file(path);
-    ASSERT_TRUE(back);
-    const auto value = value_from_plist(back.get());
-    ASSERT_TRUE(value && value->is<ValueDict>());
-    EXPECT_EQ(value->as<ValueDict>(), every_kind());
-}
-
-TEST(PlistValueTest, IntegersComeBackAsTheNarrowestSignedKind) {
-    struct Case {
-        const char* desc;
-        Value in;
-        Value out;
-    } cases[] = {
-        {"unsigned 32 that fits", Value(uint32_t{5}), Value(int32_t{5})},
-        {"unsigned 32 that does not", Value(uint32_t{UINT32_MAX}), Value(int64_t{UINT32_MAX})},
-        {"wide that fits", Value(int64_t{-1}), Value(int32_t{-1})},
-        {"unsigned 64 that fits", Value(uint64_t{9}), Value(int32_t{9})},
-    };
-    for (const auto& c : cases) {
-        PlistPtr node(plist_from_value(c.in));
-        EXPECT_EQ(value_from_plist(node.get()), c.out) << c.desc;
-    }
-}
-
-TEST(PlistValueTest, KindsWithoutACounterpartAreLeftOut) {
-    PlistPtr dict(plist_new_dict());
-    plist_dict_set_item(dict.get(), "when", plist_new_date(0, 0));
-    plist_dict_set_item(dict.get(), "kept", plist_new_string("k"));
-    EXPECT_EQ(value_from_plist(dict.get()), Value(ValueDict{{"kept", Value("k")}}));
-
-    EXPECT_EQ(plist_from_value(Value()), nullptr);
-    PlistPtr array(plist_from_value(Value(ValueArray{Value(), Value(true)})));
-    EXPECT_EQ(plist_array_get_size(array.get()), 1u);
-}
 
 TEST(PlistValueTest, AFailedRenameLeavesNoTemporary) {
     TempRoot root;
