@@ -92,9 +92,7 @@ class KalctlDaemonTest : public ::testing::Test {
     std::unique_ptr<ChildProcess> daemon_;
 };
 
-// The daemon's line requests are not served yet (the service answers an
-// empty list): enable once they are.
-TEST_F(KalctlDaemonTest, DISABLED_LinesListsTheAdaptersWithTheirTypes) {
+TEST_F(KalctlDaemonTest, LinesListsTheAdaptersWithTheirTypes) {
     const auto o = kalctl({"lines"});
     EXPECT_EQ(o.status, 0) << o.err;
     EXPECT_EQ(o.out, "KL1001  type 1\nZR2002  type 2 (enhanced)\n") << o.err;
