@@ -56,19 +56,7 @@ std::shared_ptr<CRNode> CRNode::beginForResource(const std::string& serial,
 }
 
 bool CRNode::stopForResource(const std::string& serial) {
-    std::shared_ptr<LineNode> node;
-    int type = 0;
-    lock_device_table(0);
-    for (int i = 0; i < gLinecount; ++i) {
-        if (gLines[i].serial == serial) {
-            node = gLines[i].node.lock();
-            type = gLines[i].nodeType;
-            break;
-        }
-    }
-    unlock_device_table();
-    auto recorder =
-        type == kNodeTypeCallRecording ? std::dynamic_pointer_cast<CRNode>(node) : nullptr;
+    auto recorder = onLine<CRNode>(serial, kNodeTypeCallRecording);
     if (!recorder)
         return false;
     recorder->stop();

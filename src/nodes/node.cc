@@ -353,3 +353,17 @@ void Node::logStateChange(const char* className, const char* from, const char* t
     kallog(KAL_DEVEL, "%s %p: state %s -> %s (%s)", className, static_cast<const void*>(this), from,
            to, reason);
 }
+
+std::shared_ptr<LineNode> Node::attachedNode(const std::string& serial, int type) {
+    std::shared_ptr<LineNode> node;
+    lock_device_table(0);
+    for (int i = 0; i < gLinecount; ++i) {
+        if (gLines[i].serial == serial) {
+            if (gLines[i].nodeType == type)
+                node = gLines[i].node.lock();
+            break;
+        }
+    }
+    unlock_device_table();
+    return node;
+}

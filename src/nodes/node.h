@@ -78,6 +78,13 @@ class Node : public LineNode, public std::enable_shared_from_this<Node> {
         return node;
     }
 
+    // The node of class T on the line `serial`, when the line has one that
+    // attached itself as `type`; else null. Takes the device-table lock.
+    template <class T>
+    static std::shared_ptr<T> onLine(const std::string& serial, int type) {
+        return std::dynamic_pointer_cast<T>(attachedNode(serial, type));
+    }
+
     explicit Node(CreateKey);
     ~Node() override;
     Node(const Node&) = delete;
@@ -151,6 +158,8 @@ class Node : public LineNode, public std::enable_shared_from_this<Node> {
     TimerOwner timerId() const { return timer_owner(this); }
 
   protected:
+    static std::shared_ptr<LineNode> attachedNode(const std::string& serial, int type);
+
     // The node lock; does nothing for classes that answer no to needLock.
     void lockNode();
     void unlockNode();

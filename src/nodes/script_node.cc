@@ -76,18 +76,7 @@ std::shared_ptr<ScriptNode> ScriptNode::startForResource(
 bool ScriptNode::scriptCompletedForResource(const std::string& serial, const std::string& token,
                                             int sequenceNumber,
                                             const std::optional<std::string>& responseAudio) {
-    std::shared_ptr<LineNode> node;
-    int type = 0;
-    lock_device_table(0);
-    for (int i = 0; i < gLinecount; ++i) {
-        if (gLines[i].serial == serial) {
-            node = gLines[i].node.lock();
-            type = gLines[i].nodeType;
-            break;
-        }
-    }
-    unlock_device_table();
-    auto script = type == kNodeTypeScript ? std::dynamic_pointer_cast<ScriptNode>(node) : nullptr;
+    auto script = onLine<ScriptNode>(serial, kNodeTypeScript);
     if (!script)
         return false;
     script->scriptCompleted(token, sequenceNumber, responseAudio);

@@ -26,18 +26,7 @@ int unlink_file(const std::string& path) {
 
 // The remote check on the line `serial`, if that is what the line has.
 std::shared_ptr<VMCheckNode> vmcheck_node_on(const std::string& serial) {
-    std::shared_ptr<LineNode> node;
-    int type = 0;
-    lock_device_table(0);
-    for (int i = 0; i < gLinecount; ++i) {
-        if (gLines[i].serial == serial) {
-            node = gLines[i].node.lock();
-            type = gLines[i].nodeType;
-            break;
-        }
-    }
-    unlock_device_table();
-    return type == kNodeTypeVoicemailCheck ? std::dynamic_pointer_cast<VMCheckNode>(node) : nullptr;
+    return Node::onLine<VMCheckNode>(serial, kNodeTypeVoicemailCheck);
 }
 
 }  // namespace
