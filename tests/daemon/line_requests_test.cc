@@ -12,9 +12,7 @@
 
 #include "base/paths.h"
 #include "bus_client.h"
-#include "fake_adapters.h"
-#include "linesim_control.h"
-#include "private_bus.h"
+#include "daemon_fixture.h"
 #include "service/bus_values.h"
 #include "service/vocabulary.h"
 #include "test_support.h"
@@ -26,23 +24,14 @@ using ::testing::IsEmpty;
 
 namespace {
 
-class LineRequestsTest : public ::testing::Test {
+class LineRequestsTest : public DaemonTest {
   protected:
-    void SetUp() override { install_linesim(); }
-    void TearDown() override {
-        if (!daemon_)
-            return;
-        daemon_->signal(SIGTERM);
-        const int status = daemon_->wait_exit();
-        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
-    }
+    void TearDown() override { stop_daemon(); }
 
     // Starts the daemon on the adapters plugged in so far and registers the
     // client; the daemon takes its name once its line monitors run.
     void start_daemon() {
-        daemon_ = std::make_unique<ChildProcess>(
-            std::vector<std::string>{bin_path("kaldevicemaster")},
-            std::vector<std::string>{"KAL_LINESIM_SPEED=100"}, root_.path() + "/stderr.txt");
+        DaemonTest::start_daemon("Vending Listener", {"KAL_LINESIM_SPEED=100"});
         client_ = std::make_unique<BusClient>();
         ASSERT_TRUE(wait_for([&] { return client_->registerApp().str() == kal_ResponseCode_OK; }))
             << log();
@@ -56,9 +45,6 @@ class LineRequestsTest : public ::testing::Test {
         zr_ = std::make_unique<LineSimControl>("ZR2002");
     }
 
-    std::string log() const { return read_file(root_.daemon_log()); }
-    bool logged(const std::string& text) const { return log().find(text) != std::string::npos; }
-
     std::string dial(BusClient& c, const char* digits, const char* serial, const char* token,
                      bool waiting) {
         return c.call("Dial", "sssb", digits, serial, token, waiting ? 1 : 0).str();
@@ -70,10 +56,6 @@ class LineRequestsTest : public ::testing::Test {
         return client_->call("CancelDialWithCallbackToken", "s", token).str();
     }
 
-    TempRoot root_;
-    PrivateBus bus_;
-    FakeAdapters ports_;
-    std::unique_ptr<ChildProcess> daemon_;
     std::unique_ptr<BusClient> client_;
     std::unique_ptr<LineSimControl> kl_, zr_;
 };

@@ -8,10 +8,7 @@
 #include <sys/wait.h>
 
 #include "base/paths.h"
-#include "fake_adapters.h"
-#include "linesim_control.h"
-#include "private_bus.h"
-#include "test_support.h"
+#include "daemon_fixture.h"
 
 using namespace kal;
 using namespace kal::test;
@@ -22,30 +19,9 @@ using ::testing::StartsWith;
 
 namespace {
 
-class DaemonLinesTest : public ::testing::Test {
-  protected:
-    void SetUp() override { install_linesim(); }
-
-    void start_daemon() {
-        daemon_ = std::make_unique<ChildProcess>(
-            std::vector<std::string>{bin_path("kaldevicemaster")}, std::vector<std::string>{},
-            root_.path() + "/stderr.txt");
-        // The trasher starts once every line monitor has been spawned.
-        ASSERT_TRUE(wait_for([&] { return logged("Adding logtrasher thread"); })) << log();
-    }
-    void stop_daemon() {
-        daemon_->signal(SIGTERM);
-        const int status = daemon_->wait_exit();
-        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
-    }
-    std::string log() const { return read_file(root_.daemon_log()); }
-    bool logged(const std::string& text) const { return log().find(text) != std::string::npos; }
-
-    TempRoot root_;
-    PrivateBus bus_;  // the daemon serves its clients on it
-    FakeAdapters ports_;
-    std::unique_ptr<ChildProcess> daemon_;
-};
+// The trasher starts once every line monitor has been spawned: the
+// fixture's default readiness line.
+using DaemonLinesTest = DaemonTest;
 
 TEST_F(DaemonLinesTest, EachAdapterGetsALineMonitorOfItsModelWithItsOrders) {
     struct Adapter {
@@ -127,13 +103,6 @@ TEST_F(DaemonLinesTest, HotPlugAddsAndRemovesLinesThroughTheRescan) {
 TEST_F(DaemonLinesTest, DyingLineMonitorIsRestartedThenAbandoned) {
     ports_.add_adapter(1, "KL7007");
     start_daemon();
-    const auto count = [&](const std::string& text) {
-        const std::string all = log();
-        int n = 0;
-        for (size_t at = all.find(text); at != std::string::npos; at = all.find(text, at + 1))
-            ++n;
-        return n;
-    };
     // Four deaths within the burst are restarted, the fifth abandons the line.
     for (int death = 1; death <= 5; ++death) {
         LineSimControl line("KL7007");

@@ -9,9 +9,7 @@
 #include <sys/wait.h>
 
 #include "bus_client.h"
-#include "fake_adapters.h"
-#include "linesim_control.h"
-#include "private_bus.h"
+#include "daemon_fixture.h"
 #include "test_support.h"
 
 using namespace kal;
@@ -27,14 +25,12 @@ constexpr const char kOK[] = "KALResponseCodeOK";
 constexpr const char kMalformed[] = "KALResponseCodeERRMalformedRequest";
 constexpr const char kNoResource[] = "KALResponseCodeERRNoResource";
 
-class DaemonNodeRequestsTest : public ::testing::Test {
+class DaemonNodeRequestsTest : public DaemonTest {
   protected:
     void SetUp() override {
-        install_linesim();
+        DaemonTest::SetUp();
         ports_.add_adapter(1, kSerial);
-        daemon_ = std::make_unique<ChildProcess>(
-            std::vector<std::string>{bin_path("kaldevicemaster")},
-            std::vector<std::string>{"KAL_LINESIM_SPEED=100"}, root_.path() + "/stderr.txt");
+        start_daemon("Vending Listener", {"KAL_LINESIM_SPEED=100"});
         line_ = std::make_unique<LineSimControl>(kSerial);
         ASSERT_TRUE(line_->connected()) << log();
         client_ = std::make_unique<BusClient>();
@@ -44,13 +40,8 @@ class DaemonNodeRequestsTest : public ::testing::Test {
                                  "kal_PleaseProvideNextMessageForVMCheck"})
             ASSERT_TRUE(client_->subscribe(name).ok());
     }
-    void TearDown() override {
-        daemon_->signal(SIGTERM);
-        const int status = daemon_->wait_exit();
-        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
-    }
+    void TearDown() override { stop_daemon(); }
 
-    std::string log() const { return read_file(root_.daemon_log()); }
     std::string file(const std::string& name, size_t bytes = 8000) {
         const std::string path = root_.path() + "/" + name;
         write_file(path, std::string(bytes, '\x80'));
@@ -72,12 +63,7 @@ class DaemonNodeRequestsTest : public ::testing::Test {
         ValueDict info = received("RequestComplete", token);
         return info["KALResponseCode"].str();
     }
-    bool logged(const std::string& text) const { return log().find(text) != std::string::npos; }
 
-    TempRoot root_;
-    PrivateBus bus_;
-    FakeAdapters ports_;
-    std::unique_ptr<ChildProcess> daemon_;
     std::unique_ptr<LineSimControl> line_;
     std::unique_ptr<BusClient> client_;
 };

@@ -9,11 +9,8 @@
 #include <sys/wait.h>
 
 #include "bus_client.h"
-#include "fake_adapters.h"
+#include "daemon_fixture.h"
 #include "fake_logind.h"
-#include "linesim_control.h"
-#include "private_bus.h"
-#include "test_support.h"
 
 using namespace kal::test;
 using ::testing::ContainsRegex;
@@ -23,31 +20,10 @@ using ::testing::StartsWith;
 
 namespace {
 
-class DaemonPowerTest : public ::testing::Test {
+class DaemonPowerTest : public DaemonTest {
   protected:
-    void SetUp() override { install_linesim(); }
-
-    void start_daemon() {
-        daemon_ = std::make_unique<ChildProcess>(
-            std::vector<std::string>{bin_path("kaldevicemaster")}, std::vector<std::string>{},
-            root_.path() + "/stderr.txt");
-        // Power registration comes just before the daemon starts serving.
-        ASSERT_TRUE(wait_for([&] { return logged("IORegisterForSystemPower"); })) << log();
-    }
-    void stop_daemon() {
-        daemon_->signal(SIGTERM);
-        const int status = daemon_->wait_exit();
-        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
-    }
-    std::string log() const { return read_file(root_.daemon_log()); }
-    bool logged(const std::string& text) const { return log().find(text) != std::string::npos; }
-    int count(const std::string& text) const {
-        const std::string all = log();
-        int n = 0;
-        for (size_t at = all.find(text); at != std::string::npos; at = all.find(text, at + 1))
-            ++n;
-        return n;
-    }
+    // Power registration comes just before the daemon starts serving.
+    void start_daemon() { DaemonTest::start_daemon("IORegisterForSystemPower"); }
     // Exactly the daemon's lock, as logind lists it.
     bool holds_sleep_lock() {
         const auto locks = logind_->inhibitors();
@@ -56,11 +32,7 @@ class DaemonPowerTest : public ::testing::Test {
     }
     void start_logind() { logind_ = std::make_unique<FakeLogind>(root_.path()); }
 
-    TempRoot root_;
-    PrivateBus bus_;
-    FakeAdapters ports_;
     std::unique_ptr<FakeLogind> logind_;
-    std::unique_ptr<ChildProcess> daemon_;
 };
 
 TEST_F(DaemonPowerTest, SleepStopsTheLineMonitorsAndWakeStartsThemAgain) {
