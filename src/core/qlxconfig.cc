@@ -60,9 +60,7 @@ std::optional<kal::ValueDict> read_line_preferences(const std::string& path) {
 }
 
 bool write_line_preferences(const std::string& path, const kal::ValueDict& preferences) {
-    kal::PlistPtr root = kal::read_plist_file(path);
-    if (!root || plist_get_node_type(root.get()) != PLIST_DICT)
-        root.reset(plist_new_dict());
+    kal::PlistPtr root(plist_new_dict());
     for (const auto& [key, value] : preferences) {
         if (plist_t node = kal::plist_from_value(value))
             plist_dict_set_item(root.get(), key.c_str(), node);

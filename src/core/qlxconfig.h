@@ -26,8 +26,8 @@ bool read_silence_detection(const std::string& path);
 // (dates) are left out (core/plist_value.h).
 std::optional<kal::ValueDict> read_line_preferences(const std::string& path);
 
-// Stores every key of `preferences` in the dictionary at `path`, replacing
-// those keys whole and keeping every other key as it was; a missing or
-// malformed file is replaced by `preferences` alone. The file is replaced
-// atomically. Returns false with errno set when it cannot be written.
+// Makes `preferences` the whole dictionary at `path`: a client changes one
+// key by reading the dictionary, changing it and writing it back (kalctl
+// prefs does). The file is replaced atomically. Returns false with errno set
+// when it cannot be written.
 bool write_line_preferences(const std::string& path, const kal::ValueDict& preferences);
