@@ -6,6 +6,7 @@
 #include <climits>
 #include <cstdint>
 #include <cstdlib>
+#include <filesystem>
 
 #include "log/kallog.h"
 
@@ -19,6 +20,8 @@ const OptionSpec kToken{"--token", "T",
 const OptionSpec kWait{"--wait", nullptr,
                        "wait for the request's RequestComplete, print it, and exit 0 only when "
                        "it reports success"};
+const OptionSpec kSessionToken{"--token", "T",
+                               "the session's token, in each of its requests (default: made up)"};
 const OptionSpec kWaitTimeout{"--timeout", "S", "with --wait: give up after S seconds"};
 
 }  // namespace
@@ -106,6 +109,62 @@ const std::vector<CommandSpec>& commands() {
           kWait,
           kWaitTimeout}},
         {"stop-record", "<serial>", 1, 1, "stop the recording on a line", "", {}},
+        {"script",
+         "<serial>",
+         1,
+         1,
+         "offer a touch-tone menu of scripts on a call and answer them",
+         "Beeps on the call in progress and lets the caller type a code ended by #.\n"
+         "Each code runs a script here, in kalctl: a code with an audio file is\n"
+         "answered with that file, which the caller hears; a code without one answers\n"
+         "nothing. Then the menu is offered again, five times at most. The codes come\n"
+         "from --codes (their files from --responses, in the same order), from\n"
+         "--answer CODE=FILE and from the files CODE.raw in --answers DIR.\n"
+         "The daemon deletes the audio it has played, so kalctl hands it a fresh copy\n"
+         "each time (in /var/tmp/kalctl-UID, under KAL_ROOT when that is set).\n"
+         "kalctl runs until the session ends: the caller hangs up, types no code for\n"
+         "15 seconds or has had the session's last script (the pre-picked one, or the\n"
+         "fifth); kalctl asks the daemon every few seconds whether it still runs.\n"
+         "It also stops at an extension picked up, a failure the daemon reports, or\n"
+         "when --idle or --timeout pass.",
+         {{"--codes", "LIST", "the menu's codes, comma-separated: 1,2,42 (or 1#,2#,42#)"},
+          {"--responses", "LIST",
+           "audio files answering the codes of --codes in order; an empty entry answers "
+           "nothing"},
+          {"--answer", "CODE=FILE", "answer CODE with FILE (repeatable)"},
+          {"--answers", "DIR", "answer each code CODE with DIR/CODE.raw"},
+          {"--prepick", "CODE", "run this code's script once, at once, without asking"},
+          {"--idle", "S", "end when the daemon has asked for no script for S seconds"},
+          kSessionToken,
+          {"--timeout", "S", "give up after S seconds"}}},
+        {"vmcheck",
+         "<serial>",
+         1,
+         1,
+         "let a caller hear and sort the messages in a folder",
+         "Plays --greeting on the line (answering it if it rings). The caller picks a\n"
+         "stream: 1 the unheard messages (the files in DIR), 2 the saved ones\n"
+         "(DIR/saved), 3 the call log (DIR/calllog), each in name order. After each\n"
+         "message --inter-greeting plays; the caller presses 1 to hear the message\n"
+         "again, 2 to save it (an unheard one moves to DIR/saved), 3 to delete it, #\n"
+         "to leave it as it is, * to start over. When a stream has no more messages\n"
+         "the caller is back at the main menu, hearing --no-more when given.\n"
+         "The daemon deletes each message and main greeting it is given, so kalctl\n"
+         "hands it fresh copies (in /var/tmp/kalctl-UID, under KAL_ROOT when that is\n"
+         "set): only the caller's 3 deletes a file of yours.\n"
+         "The daemon does not tell clients when a remote check ends. kalctl stops at\n"
+         "the exchange's busy or dial tone after the caller hangs up, an extension\n"
+         "picked up, or a failure the daemon reports; else once the session has asked\n"
+         "for nothing for longer than a caller who presses nothing can keep it going\n"
+         "(seven rounds of its menu), or as --idle or --timeout say.",
+         {{"--greeting", "F", "the main menu, played first"},
+          {"--inter-greeting", "F", "the menu played after each message"},
+          {"--messages", "DIR", "the folder of messages"},
+          {"--no-more", "F", "the main menu played once a stream has no more messages"},
+          {"--special", "N", "nonzero: short tones (default 0)"},
+          {"--idle", "S", "end when the daemon has asked for nothing for S seconds"},
+          kSessionToken,
+          {"--timeout", "S", "give up after S seconds"}}},
         {"prefs",
          "[key=value ...]",
          0,
@@ -416,6 +475,12 @@ ValueDict parse_assignments(const std::string& command, const std::vector<std::s
         out[pair.substr(0, eq)] = parse_value(pair.substr(eq + 1));
     }
     return out;
+}
+
+std::string absolute(const std::string& path) {
+    if (path.empty())
+        return path;
+    return std::filesystem::absolute(path).lexically_normal().string();
 }
 
 int32_t parse_debug_level(const std::string& command, const std::string& text) {

@@ -27,6 +27,13 @@ class UsageError : public std::runtime_error {
     std::string command_;
 };
 
+// A request that failed, or a file that could not be used, already worded
+// for the user: kalctl prints it and exits 1.
+class Failure : public std::runtime_error {
+  public:
+    explicit Failure(const std::string& message) : std::runtime_error(message) {}
+};
+
 struct OptionSpec {
     const char* name;  // "--token"
     const char* arg;   // "T", or nullptr for a flag
@@ -87,6 +94,9 @@ std::vector<std::string> parse_choices(const std::string& command, const std::st
 Value parse_value(const std::string& text);
 // "key=value" pairs into a dictionary.
 ValueDict parse_assignments(const std::string& command, const std::vector<std::string>& pairs);
+// The daemon runs elsewhere: a relative path would be read from its
+// working directory, not ours. "" stays "".
+std::string absolute(const std::string& path);
 // A debug level: 0-8 or a level name ("debug", "DEVEL").
 int32_t parse_debug_level(const std::string& command, const std::string& text);
 

@@ -11,6 +11,8 @@
 
 #include "client/client.h"
 #include "client/notification.h"
+#include "kalctl/menu_commands.h"
+#include "kalctl/session.h"
 #include "log/kallog.h"
 #include "service/bus_contract.h"
 #include "service/kal_errors.h"
@@ -23,70 +25,9 @@ using client::Notification;
 
 namespace {
 
-// A failed request, already worded for the user.
-class Failure : public std::runtime_error {
-  public:
-    explicit Failure(const std::string& message) : std::runtime_error(message) {}
-};
-
-void check(const std::string& responseCode) {
-    if (responseCode != kal_ResponseCode_OK)
-        throw Failure(describe_response_failure(responseCode));
-}
-
-std::optional<std::chrono::milliseconds> seconds_option(const Invocation& inv,
-                                                        const std::string& option) {
-    auto text = inv.value(option);
-    if (!text)
-        return std::nullopt;
-    return std::chrono::seconds(parse_int(inv.command, option, *text, 0, 24 * 3600));
-}
-
-std::string made_up_token() {
-    return "kalctl-" + std::to_string(getpid()) + "-" + std::to_string(time(nullptr));
-}
-
-// The daemon runs elsewhere: a relative path would be read from its
-// working directory, not ours.
-std::string absolute(const std::string& path) {
-    if (path.empty())
-        return path;
-    return std::filesystem::absolute(path).lexically_normal().string();
-}
-
 std::string path_option(const Invocation& inv, const std::string& option) {
     return absolute(inv.value(option).value_or(""));
 }
-
-// One connection, registered, for the length of a command.
-class Session {
-  public:
-    explicit Session(const GlobalOptions& global)
-        : client_(client::ClientOptions{
-              .address = global.busAddress,
-              .delegatePath = client::kDefaultDelegatePath,
-              .identification =
-                  global.application + " (kalctl, pid " + std::to_string(getpid()) + ")",
-              .callTimeout = {},
-          }) {
-        client_.setNotificationHandler([this](const Notification& n) {
-            if (handler_)
-                handler_(n);
-        });
-        const std::string version =
-            global.protocolVersion.empty() ? client::kProtocolVersion : global.protocolVersion;
-        check(client_.registerApplication(global.application, global.vendor, "", false, version));
-    }
-
-    Client& client() { return client_; }
-    void onNotification(std::function<void(const Notification&)> handler) {
-        handler_ = std::move(handler);
-    }
-
-  private:
-    Client client_;
-    std::function<void(const Notification&)> handler_;
-};
 
 // Starts something that ends with a RequestComplete under `token`; with
 // --wait, waits for it and reports it.
@@ -309,6 +250,10 @@ void validate(const Invocation& inv) {
         throw UsageError(c, "give --greeting, --message or both");
     if (c == "debug-level")
         parse_debug_level(c, inv.args[0]);
+    if (c == "script")
+        validate_script(inv);
+    if (c == "vmcheck")
+        validate_vmcheck(inv);
     if (c == "prefs" || c == "send")
         parse_assignments(
             c, std::vector<std::string>(inv.args.begin() + (c == "send"), inv.args.end()));
@@ -353,6 +298,10 @@ int dispatch(const Invocation& inv, std::ostream& out, std::ostream& err) {
         out << "Stopping the recording on " << inv.args[0] << std::endl;
         return kExitOk;
     }
+    if (c == "script")
+        return cmd_script(s, inv, out, err);
+    if (c == "vmcheck")
+        return cmd_vmcheck(s, inv, out, err);
     if (c == "prefs")
         return cmd_prefs(s, inv, out);
     if (c == "debug-level")

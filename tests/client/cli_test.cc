@@ -100,6 +100,11 @@ TEST(CommandLineTest, TypedValuesAreCheckedBeforeAnythingIsSent) {
         {"monitor --count 0", "--count must be"},
         {"call KL1001 555 --wait --timeout soon", "--timeout must be"},
         {"debug-level 9", "from 0 to 8"},
+        {"script KL1001 --codes 1 --prepick 2", "not on the menu"},
+        {"script KL1001 --codes 1 --idle soon", "--idle must be"},
+        {"vmcheck KL1001 --greeting g.raw --messages m", "--inter-greeting is needed"},
+        {"vmcheck KL1001 --greeting g --inter-greeting i --messages m --special -1",
+         "--special must be"},
         {"prefs novalue", "expected key=value"},
         {"send Name =1", "expected key=value"},
     };
@@ -110,6 +115,20 @@ TEST(CommandLineTest, TypedValuesAreCheckedBeforeAnythingIsSent) {
         EXPECT_EQ(run(inv, out, err), kExitUsage) << c.line << ": " << err.str();
         EXPECT_THAT(err.str(), HasSubstr(c.says)) << c.line;
         EXPECT_THAT(err.str(), HasSubstr("--help")) << c.line;
+    }
+}
+
+TEST(CommandLineTest, AudioTheSessionCommandsCannotReadFailsBeforeAnythingIsSent) {
+    for (const char* line :
+         {"script KL1001 --answer 1=/nonexistent/weather.raw",
+          "vmcheck KL1001 --greeting /nonexistent/g.raw --inter-greeting /nonexistent/i.raw "
+          "--messages /",
+          "vmcheck KL1001 --greeting g --inter-greeting i --messages /nonexistent"}) {
+        Invocation inv = parse_command_line(words(line));
+        inv.global.busAddress = "unix:path=/nonexistent/kalctl-test.sock";
+        std::ostringstream out, err;
+        EXPECT_EQ(run(inv, out, err), kExitFailed) << line << ": " << err.str();
+        EXPECT_THAT(err.str(), HasSubstr("/nonexistent")) << line;
     }
 }
 

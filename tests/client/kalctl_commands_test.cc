@@ -5,16 +5,19 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <filesystem>
 #include <sstream>
 
 #include "client/client.h"
 #include "fake_daemon.h"
+#include "kalctl/answering.h"
 #include "kalctl/commands.h"
 #include "private_bus.h"
 #include "service/bus_contract.h"
 #include "service/bus_values.h"
 #include "service/vocabulary.h"
+#include "test_support.h"
 
 using namespace kal;
 using namespace kal::kalctl;
@@ -64,6 +67,43 @@ class KalctlCommandsTest : public ::testing::Test {
                                     });
                 return sd_bus_message_append(reply, "s", kal_ResponseCode_OK);
             }));
+    }
+
+    std::vector<FakeDaemon::Call> calls_of(const std::string& member) {
+        std::vector<FakeDaemon::Call> out;
+        for (const auto& c : daemon_->calls())
+            if (c.member == member)
+                out.push_back(c);
+        return out;
+    }
+    // Delivers a notification about KL1001 to the client `to`, as the
+    // daemon does.
+    void inject(const std::string& to, const std::string& name, ValueDict info) {
+        info.emplace(kal_EventTimeKey, Value(int64_t{1700000000}));
+        info.emplace(kal_QLXSerialNumberKey, Value("KL1001"));
+        daemon_->callClient(to, client::kDefaultDelegatePath, "InjectNotification",
+                            [name, info](sd_bus_message* m) {
+                                int r = sd_bus_message_append(m, "s", name.c_str());
+                                if (r >= 0)
+                                    r = bus::append_variant(m, Value("KL1001"));
+                                return r < 0 ? r : bus::append_user_info(m, info);
+                            });
+    }
+    // Answers `member` with `code`, first running `then` (on the fake's
+    // thread) with the call.
+    void answer(const std::string& member, std::function<void(const FakeDaemon::Call&)> then,
+                std::string code = kal_ResponseCode_OK) {
+        daemon_->script(member, FakeDaemon::Answer::replying(
+                                    [then, code](const FakeDaemon::Call& call, sd_bus_message* r) {
+                                        if (then)
+                                            then(call);
+                                        return sd_bus_message_append(r, "s", code.c_str());
+                                    }));
+    }
+    ValueDict next_message_request(const std::string& token, const char* disposition) {
+        return {{kal_Token, Value(token)},
+                {kal_VMCheckPresentMessageDisposition, Value(disposition)},
+                {kal_VMCheck_Filter, Value(kal_VMCheck_Filter_Unheard)}};
     }
 
     PrivateBus bus_;
@@ -165,6 +205,176 @@ TEST_F(KalctlCommandsTest, RefusalsPrintTheirTextAndExitNonZero) {
     o = kalctl({"rescan"});
     EXPECT_EQ(o.status, kExitNoDaemon);
     EXPECT_THAT(o.err, HasSubstr("kaldevicemaster is not running"));
+}
+
+TEST_F(KalctlCommandsTest, ScriptAnswersItsOwnRequestsWithFreshCopiesUntilTheCallEnds) {
+    TempRoot root;  // the copies go below its var/tmp
+    const std::string weather = root.path() + "/weather.raw";
+    write_file(weather, "sunny", 0600);
+    answer("StartScriptNodeForResource", [this](const FakeDaemon::Call& call) {
+        // Another client's session on another line, then ours.
+        inject(call.sender, kal_PleaseRunActionScriptForCaller,
+               {{kal_Token, Value("theirs")},
+                {kal_DigitContentsKey, Value("1")},
+                {kal_SequenceNumber, Value(int32_t{3})}});
+        inject(call.sender, kal_PleaseRunActionScriptForCaller,
+               {{kal_Token, Value("S1")},
+                {kal_DigitContentsKey, Value("2")},
+                {kal_SequenceNumber, Value(int32_t{4})}});
+        inject(call.sender, kal_PleaseRunActionScriptForCaller,
+               {{kal_Token, Value("S1")},
+                {kal_DigitContentsKey, Value("1")},
+                {kal_SequenceNumber, Value(int32_t{5})}});
+    });
+    answer("ScriptCompletedForResource", [this](const FakeDaemon::Call& call) {
+        inject(call.sender, kal_BusyTone, {{kal_QLXNumberKey, Value(int32_t{0})}});
+    });
+
+    const auto o = kalctl({"script", "KL1001", "--answer", "1=" + weather, "--codes", "2#",
+                           "--token", "S1", "--timeout", "20"});
+    EXPECT_EQ(o.status, kExitOk) << o.err;
+    EXPECT_THAT(o.out, StartsWith("Script menu started on KL1001 (token S1): 2 answers nothing, "
+                                  "1 plays weather.raw\n"));
+    EXPECT_THAT(o.out, HasSubstr("Script 2 ran; it answers nothing."));
+    EXPECT_THAT(o.out, HasSubstr(" KALBusyTone KL1001 {KALQLXNumberKey = 0}\nThe call on KL1001 "
+                                 "has ended.\n"));
+    EXPECT_THAT(last_call("StartScriptNodeForResource").args,
+                ElementsAre(Value("KL1001"), Value("S1"), Value(ValueArray{Value("2")}),
+                            Value(ValueArray{Value("1")}), Value("")));
+
+    // One completion: the code that answers audio, under its run number.
+    const auto completions = calls_of("ScriptCompletedForResource");
+    ASSERT_EQ(completions.size(), 1u);
+    const auto& args = completions[0].args;
+    ASSERT_EQ(args.size(), 4u);
+    EXPECT_EQ(args[0], Value("KL1001"));
+    EXPECT_EQ(args[1], Value("S1"));
+    EXPECT_EQ(args[2], Value(int32_t{5}));
+    const std::string copy = args[3].str();
+    EXPECT_THAT(copy, StartsWith(AudioCopies::default_dir() + "/weather."));
+    EXPECT_EQ(read_file(copy), "sunny");
+    EXPECT_THAT(o.out, HasSubstr("Answered with " + copy + " (a copy of " + weather + ")."));
+    EXPECT_EQ(read_file(weather), "sunny");
+}
+
+TEST_F(KalctlCommandsTest, ScriptEndsAfterItsOnlyScriptWhenTheSessionLeftOrFailed) {
+    TempRoot root;
+    const std::string file = root.path() + "/seven.raw";
+    write_file(file, "7");
+    // Pre-picked: one script, and that is the session.
+    answer("StartScriptNodeForResource", [this](const FakeDaemon::Call& call) {
+        inject(call.sender, kal_PleaseRunActionScriptForCaller,
+               {{kal_Token, call.args[1]},
+                {kal_DigitContentsKey, Value("7")},
+                {kal_SequenceNumber, Value(int32_t{0})}});
+    });
+    answer("ScriptCompletedForResource", nullptr);
+    auto o =
+        kalctl({"script", "KL1001", "--answer", "7=" + file, "--prepick", "7#", "--timeout", "20"});
+    EXPECT_EQ(o.status, kExitOk) << o.err;
+    EXPECT_THAT(o.out, HasSubstr("That was the pre-picked script, the session's only one.\n"));
+    EXPECT_EQ(last_call("StartScriptNodeForResource").args.at(4), Value("7"));
+
+    // Nothing is asked; the session has left the line, which the probe finds.
+    answer("StartScriptNodeForResource", nullptr);
+    answer("ScriptCompletedForResource", nullptr, kal_ResponseCode_ERR_NoResource);
+    o = kalctl({"script", "KL1001", "--codes", "1", "--token", "S2", "--timeout", "20"});
+    EXPECT_EQ(o.status, kExitOk) << o.err;
+    EXPECT_THAT(o.out, HasSubstr("The session on KL1001 has ended.\n"));
+    EXPECT_THAT(calls_of("ScriptCompletedForResource").back().args,
+                ElementsAre(Value("KL1001"), Value("S2"), Value(int32_t{-1}), Value("")));
+
+    // A failure the daemon reports ends it too, by its code.
+    answer("StartScriptNodeForResource", [this](const FakeDaemon::Call& call) {
+        inject(call.sender, kal_RequestComplete,
+               {{kal_Token, call.args[1]},
+                {kal_ResponseCode, Value(kal_ResponseCode_ERR_InternalError)}});
+    });
+    o = kalctl({"script", "KL1001", "--codes", "1", "--timeout", "20"});
+    EXPECT_EQ(o.status, kExitFailed);
+    EXPECT_THAT(o.err, HasSubstr("(kal_ResponseCode_ERR_InternalError)"));
+
+    // No such line: refused before anything starts.
+    daemon_->script("DeviceTypeForResource",
+                    FakeDaemon::Answer::replying([](const auto&, sd_bus_message* r) {
+                        return sd_bus_message_append(r, "i", int32_t{-1});
+                    }));
+    const size_t starts = calls_of("StartScriptNodeForResource").size();
+    o = kalctl({"script", "KL9", "--codes", "1"});
+    EXPECT_EQ(o.status, kExitFailed);
+    EXPECT_THAT(o.err, HasSubstr("(KALResponseCodeERRNoResource)"));
+    EXPECT_EQ(calls_of("StartScriptNodeForResource").size(), starts);
+}
+
+TEST_F(KalctlCommandsTest, VmcheckWalksTheFolderDoingWhatTheCallerSaysAndSendsOnlyCopies) {
+    TempRoot root;
+    const std::string dir = root.path() + "/messages";
+    make_dirs(dir);
+    write_file(dir + "/m1.raw", "one");
+    write_file(dir + "/m2.raw", "two");
+    const std::string greeting = root.path() + "/greeting.raw";
+    const std::string menu = root.path() + "/menu.raw";
+    const std::string noMore = root.path() + "/no-more.raw";
+    write_file(greeting, "greeting");
+    write_file(menu, "menu");
+    write_file(noMore, "no more");
+
+    answer("BeginVMCheckNodeForResource", [this](const FakeDaemon::Call& call) {
+        inject(call.sender, kal_PleaseProvideNextMessageForVMCheck,
+               next_message_request("C1", kal_VMCheck_Disposition_Skip));
+    });
+    // The caller deletes the first message and saves the second.
+    std::atomic<int> nexts{0};
+    answer("NextVMCheckMessage", [&](const FakeDaemon::Call& call) {
+        inject(call.sender, kal_PleaseProvideNextMessageForVMCheck,
+               next_message_request("C1", ++nexts == 1 ? kal_VMCheck_Disposition_Delete
+                                                       : kal_VMCheck_Disposition_Save));
+    });
+    // Back at the main menu, the caller starts over with *, then hangs up.
+    std::atomic<int> restarts{0};
+    answer("RestartVMCheckNodeForResource", [&](const FakeDaemon::Call& call) {
+        if (++restarts == 1)
+            inject(call.sender, kal_PleaseRestartVMCheck, {{kal_Token, Value("C1")}});
+        else
+            inject(call.sender, kal_Dialtone, {{kal_QLXNumberKey, Value(int32_t{0})}});
+    });
+
+    const auto o =
+        kalctl({"vmcheck", "KL1001", "--greeting", greeting, "--inter-greeting", menu, "--messages",
+                dir, "--no-more", noMore, "--token", "C1", "--timeout", "20"});
+    EXPECT_EQ(o.status, kExitOk) << o.err;
+    EXPECT_THAT(o.out, StartsWith("Voicemail check started on KL1001 (token C1): 2 unheard, "
+                                  "0 saved\n"));
+
+    // Every file handed over is a copy; the inter-message menu, which the
+    // daemon never deletes, is the user's own.
+    const auto begin = last_call("BeginVMCheckNodeForResource").args;
+    ASSERT_EQ(begin.size(), 5u);
+    EXPECT_THAT(begin[2].str(), StartsWith(AudioCopies::default_dir() + "/greeting."));
+    EXPECT_EQ(read_file(begin[2].str()), "greeting");
+    EXPECT_EQ(begin[3], Value(menu));
+    EXPECT_EQ(begin[4], Value(int32_t{0}));
+    std::vector<std::string> sent;
+    for (const auto& call : calls_of("NextVMCheckMessage"))
+        sent.push_back(read_file(call.args.at(2).str()));
+    for (const auto& call : calls_of("RestartVMCheckNodeForResource"))
+        sent.push_back(read_file(call.args.at(2).str()));
+    EXPECT_THAT(sent, ElementsAre("one", "two", "no more", "greeting"));
+
+    EXPECT_FALSE(file_exists(dir + "/m1.raw"));
+    EXPECT_FALSE(file_exists(dir + "/m2.raw"));
+    EXPECT_EQ(read_file(dir + "/saved/m2.raw"), "two");
+    for (const auto& file : {greeting, menu, noMore})
+        EXPECT_TRUE(file_exists(file)) << file;
+
+    EXPECT_THAT(o.out, HasSubstr("  Presenting m1.raw, 1 of 2 unheard.\n"));
+    EXPECT_THAT(o.out, HasSubstr("  m1.raw deleted.\n  Presenting m2.raw, 2 of 2 unheard.\n"));
+    EXPECT_THAT(o.out, HasSubstr("  m2.raw saved to " + dir +
+                                 "/saved/m2.raw.\n  No more unheard messages: back to the main "
+                                 "menu (no-more.raw).\n"));
+    EXPECT_THAT(o.out, HasSubstr("  The caller starts over: back to the main menu "
+                                 "(greeting.raw).\n"));
+    EXPECT_THAT(o.out, HasSubstr("The call on KL1001 has ended.\n"));
 }
 
 }  // namespace
