@@ -19,8 +19,10 @@
 
 using namespace kal;
 using namespace kal::test;
+using ::testing::EndsWith;
 using ::testing::HasSubstr;
 using ::testing::MatchesRegex;
+using ::testing::StartsWith;
 
 namespace {
 
@@ -109,6 +111,83 @@ TEST_F(KalctlDaemonTest, MonitorPrintsARingAsItHappens) {
     EXPECT_EQ(o.status, 0) << o.err;
     EXPECT_THAT(o.out, MatchesRegex("[0-9]{2}:[0-9]{2}:[0-9]{2} KALRingDetect KL1001 "
                                     "\\{KALQLXNumberKey = 0\\}\n"));
+}
+
+// The path in a simulator's description of a P command.
+std::string played_path(const std::string& reply) {
+    const auto at = reply.find("path=");
+    if (at == std::string::npos)
+        return "";
+    return reply.substr(at + 5, reply.find(' ', at) - at - 5);
+}
+
+TEST_F(KalctlDaemonTest, ScriptAnswersTheCallersCodeAndSeesTheSessionEnd) {
+    const std::string answer = root_.path() + "/weather.raw";
+    write_file(answer, std::string(8000, '\x80'));
+    LineSimControl line("KL1001");
+    // A call in progress: the line is connected.
+    ASSERT_THAT(line.send("hook off"), StartsWith("ok handset off hook"));
+    auto kalctl = start_kalctl({"script", "KL1001", "--answer", "1=" + answer, "--codes", "2",
+                                "--token", "menu", "--timeout", "60"});
+    ASSERT_THAT(line.send("wait-command ! 20"), HasSubstr("! type=1"));
+    ASSERT_THAT(line.send("digits 1#"), HasSubstr("sent # digit=#"));
+    const std::string played = played_path(line.send("wait-command P 20"));
+    EXPECT_THAT(played, StartsWith(root_.path() + "/var/tmp/kalctl-"));
+    // Played, deleted by the daemon, and the menu offered again.
+    ASSERT_THAT(line.send("wait-command ! 20"), HasSubstr("! type=1"));
+    EXPECT_TRUE(wait_for([&] { return !file_exists(played); })) << played;
+    EXPECT_TRUE(file_exists(answer));
+
+    // The session takes the reversal; kalctl finds out by asking.
+    ASSERT_EQ(line.send("reversal"), "ok sent l");
+    const auto o = finish(*kalctl);
+    EXPECT_EQ(o.status, 0) << o.err;
+    EXPECT_THAT(o.out, HasSubstr("KALPleaseRunActionScriptForCaller KL1001 {KALDigitContentsKey "
+                                 "= 1; KALSequenceNumber = "));
+    EXPECT_THAT(o.out, HasSubstr("Answered with " + played + " (a copy of " + answer + ")."));
+    EXPECT_THAT(o.out, EndsWith("The session on KL1001 has ended.\n"));
+    EXPECT_TRUE(logged("ScriptNode")) << log();
+}
+
+TEST_F(KalctlDaemonTest, VmcheckPlaysAMessageAndDeletesItAtTheCallersWord) {
+    // Menus long enough to press a key in (1.2 s at the simulator's speed);
+    // the message plays to its end.
+    const std::string greeting = root_.path() + "/greeting.raw";
+    const std::string menu = root_.path() + "/menu.raw";
+    write_file(greeting, std::string(960000, '\x80'));
+    write_file(menu, std::string(960000, '\x80'));
+    const std::string dir = root_.path() + "/messages";
+    make_dirs(dir);
+    write_file(dir + "/m1.raw", std::string(800, '\x80'));
+
+    LineSimControl line("KL1001");
+    ASSERT_EQ(line.send("ring"), "ok sent R");
+    auto kalctl = start_kalctl({"vmcheck", "KL1001", "--greeting", greeting, "--inter-greeting",
+                                menu, "--messages", dir, "--token", "check", "--timeout", "60"});
+    const std::string first = played_path(line.send("wait-command P 20"));
+    EXPECT_THAT(first, StartsWith(root_.path() + "/var/tmp/kalctl-"));
+    ASSERT_THAT(line.send("digits 1"), HasSubstr("stopped audio"));
+    const std::string message = played_path(line.send("wait-command P 20"));
+    EXPECT_THAT(message, StartsWith(root_.path() + "/var/tmp/kalctl-"));
+    EXPECT_EQ(played_path(line.send("wait-command P 20")), menu);
+    ASSERT_THAT(line.send("digits 3"), HasSubstr("stopped audio"));
+    // No more messages: the main menu again, from a new copy; the daemon
+    // deleted the one it replaced.
+    const std::string again = played_path(line.send("wait-command P 20"));
+    EXPECT_THAT(again, StartsWith(root_.path() + "/var/tmp/kalctl-"));
+    EXPECT_NE(again, first);
+    EXPECT_TRUE(wait_for([&] { return !file_exists(first); })) << first;
+
+    ASSERT_THAT(line.send("reversal"), StartsWith("ok sent l"));
+    ASSERT_EQ(line.send("tone busy"), "ok sent b");
+    const auto o = finish(*kalctl);
+    EXPECT_EQ(o.status, 0) << o.err;
+    EXPECT_THAT(o.out, HasSubstr("Presenting m1.raw, 1 of 1 unheard."));
+    EXPECT_THAT(o.out, HasSubstr("m1.raw deleted."));
+    EXPECT_THAT(o.out, EndsWith("The call on KL1001 has ended.\n"));
+    EXPECT_FALSE(file_exists(dir + "/m1.raw"));
+    EXPECT_TRUE(file_exists(greeting));
+    EXPECT_TRUE(file_exists(menu));
 }
 
 TEST_F(KalctlDaemonTest, RequestsBeforeRegistrationAreRefusedWith16) {
