@@ -1,7 +1,10 @@
 #!/usr/bin/env bash
 # The demo: the daemon with two simulated adapters (umockdev) and the
 # line-monitor simulator, in a private KAL_ROOT. Ring a line, pick up, dial
-# digits, crash a line monitor and watch the daemon restart it, then stop.
+# digits; a caller leaves a voicemail, another uses the touch-tone script
+# menu, the owner checks the messages remotely (kalctl answering the
+# daemon's requests); crash a line monitor and watch the daemon restart it,
+# then stop.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
