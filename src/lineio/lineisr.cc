@@ -11,6 +11,7 @@
 #include <cstring>
 #include <memory>
 #include <optional>
+#include <set>
 #include <utility>
 #include <vector>
 
@@ -28,6 +29,13 @@
 using namespace kal;
 
 namespace {
+
+// Sockets that reached end of file. Their children are dead or dying, but
+// their records stay up until the supervisor reaps them, and a socket at end
+// of file is always readable: watching it would spin this thread and starve
+// the supervisor of the device-table lock it needs. They are watched no
+// more until the next rescan closes or replaces them. Line event thread only.
+std::set<int>& ended_fds = *new std::set<int>;
 
 int descriptor_table_size() {
     struct rlimit rl {};
@@ -88,7 +96,8 @@ void lineisr_pass(FdBounds& bounds) {
     lock_device_table(0);
     for (int i = 0; i < gLinecount; ++i) {
         const int fd = gLines[i].fd;
-        if (gLines[i].status == QLX_STATUS_UP && fd >= 0 && fd <= bounds.maxfd)
+        if (gLines[i].status == QLX_STATUS_UP && fd >= 0 && fd <= bounds.maxfd &&
+            !ended_fds.count(fd))
             fds.push_back({fd, POLLIN, 0});
     }
     unlock_device_table();
@@ -125,6 +134,7 @@ void lineisr_pass(FdBounds& bounds) {
             dm_exit(1);
         }
         do_rescan();
+        ended_fds.clear();
         bounds = calc_fdbounds();
         kallog(KAL_DEBUG,
                "LineISR: Check after rescan reveals maxfd=%d. Lowest numbered QLX is %d. "
@@ -190,6 +200,7 @@ void service_lineisr(int fd) {
     if (length == 0) {
         kallog(KAL_ERR, "Read EOF from QLX%d. Killing child process.", index);
         kill_qlx(index, SIGHUP);
+        ended_fds.insert(fd);
         unlock_device_table();
         return;
     }

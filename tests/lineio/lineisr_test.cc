@@ -20,6 +20,7 @@
 #include "lineio/protocol.h"
 #include "lineio/request_queue.h"
 #include "lineio/safe_io.h"
+#include "log/kallog.h"
 #include "service/notification_center.h"
 #include "service/vocabulary.h"
 #include "test_support.h"
@@ -53,6 +54,7 @@ class ScriptedNode : public LineNode {
 class LineIsrTest : public ::testing::Test {
   protected:
     void SetUp() override {
+        kallogregister("KALDeviceMaster");  // before anything logs
         init_lmcomm_intrapc();
         for (const char* serial : {"A1", "B2"}) {
             int sv[2];
@@ -101,6 +103,7 @@ class LineIsrTest : public ::testing::Test {
     }
     void pass() { lineisr_pass(bounds_); }
 
+    test::TempRoot root_;
     std::vector<unique_fd> peers_;
     FdBounds bounds_{};
     std::vector<std::string> journal_;
@@ -224,6 +227,28 @@ TEST_F(LineIsrTest, EndOfFileHangsUpTheLineMonitor) {
     ASSERT_EQ(waitpid(child, &status, 0), child);
     ASSERT_TRUE(WIFSIGNALED(status));
     EXPECT_EQ(WTERMSIG(status), SIGHUP);
+}
+
+TEST_F(LineIsrTest, AnEndedSocketIsNotWatchedAgainUntilTheRescan) {
+    // Without this the loop would read the same end of file over and over,
+    // holding the device-table lock the supervisor needs to restart the line.
+    const auto ends = [&] {
+        const std::string log = test::read_file(root_.daemon_log());
+        int n = 0;
+        for (size_t at = log.find("Read EOF from QLX0"); at != std::string::npos;
+             at = log.find("Read EOF from QLX0", at + 1))
+            ++n;
+        return n;
+    };
+    peers_[0].reset();
+    pass();
+    ASSERT_EQ(ends(), 1);
+    line_sends(1, "R");
+    pass();
+    line_sends(1, "b");
+    pass();
+    EXPECT_EQ(ends(), 1);
+    EXPECT_THAT(journal_, ElementsAre("KALRingDetect", "KALBusyTone"));
 }
 
 TEST_F(LineIsrTest, LineMonitorDyingWithUnreadCommandsIsAnEndOfFileNotAFatalError) {
