@@ -196,9 +196,9 @@ const std::vector<CommandSpec>& commands() {
 }
 
 const CommandSpec* find_command(const std::string& name) {
-    for (const auto& spec : commands())
-        if (name == spec.name)
-            return &spec;
+    for (const auto& desc : commands())
+        if (name == desc.name)
+            return &desc;
     return nullptr;
 }
 
@@ -277,18 +277,18 @@ Invocation parse_command_line(const std::vector<std::string>& argv) {
             inv.version = true;
             continue;
         }
-        const GlobalOptionSpec* spec = nullptr;
+        const GlobalOptionSpec* desc = nullptr;
         for (const auto& g : kGlobalOptions)
             if (name == g.name)
-                spec = &g;
-        if (!spec)
+                desc = &g;
+        if (!desc)
             throw UsageError("", "unknown option '" + name + "'");
         if (!inline_value) {
             if (i + 1 >= argv.size())
                 throw UsageError("", name + " needs a value");
             inline_value = argv[++i];
         }
-        inv.global.*(spec->field) = *inline_value;
+        inv.global.*(desc->field) = *inline_value;
     }
     if (i >= argv.size()) {
         if (!inv.help && !inv.version)
@@ -305,8 +305,8 @@ Invocation parse_command_line(const std::vector<std::string>& argv) {
             throw UsageError("", "unknown command '" + inv.command + "'");
         return inv;
     }
-    const CommandSpec* spec = find_command(inv.command);
-    if (!spec)
+    const CommandSpec* desc = find_command(inv.command);
+    if (!desc)
         throw UsageError("", "unknown command '" + inv.command + "'");
 
     bool options_done = false;
@@ -326,7 +326,7 @@ Invocation parse_command_line(const std::vector<std::string>& argv) {
             continue;
         }
         const OptionSpec* opt = nullptr;
-        for (const auto& o : spec->options)
+        for (const auto& o : desc->options)
             if (name == o.name)
                 opt = &o;
         if (!opt)
@@ -346,11 +346,11 @@ Invocation parse_command_line(const std::vector<std::string>& argv) {
     }
     if (inv.help)
         return inv;
-    if (inv.args.size() < spec->minArgs)
-        throw UsageError(inv.command, std::string("missing arguments: ") + spec->usage);
-    if (inv.args.size() > spec->maxArgs)
+    if (inv.args.size() < desc->minArgs)
+        throw UsageError(inv.command, std::string("missing arguments: ") + desc->usage);
+    if (inv.args.size() > desc->maxArgs)
         throw UsageError(inv.command, "too many arguments (usage: kalctl " + inv.command + " " +
-                                          spec->usage + ")");
+                                          desc->usage + ")");
     return inv;
 }
 
@@ -361,13 +361,13 @@ std::string global_help() {
         "Talks to kaldevicemaster, the telephone-line adapter daemon, on the system bus.\n"
         "\n"
         "Commands:\n";
-    for (const auto& spec : commands()) {
-        std::string left = std::string("  ") + spec.name;
+    for (const auto& desc : commands()) {
+        std::string left = std::string("  ") + desc.name;
         if (left.size() < 16)
             left.resize(16, ' ');
         else
             left += ' ';
-        out += left + wrap(spec.summary, 16) + "\n";
+        out += left + wrap(desc.summary, 16) + "\n";
     }
     out +=
         "\n"
@@ -387,21 +387,21 @@ std::string global_help() {
     return out;
 }
 
-std::string command_help(const CommandSpec& spec) {
-    std::string out = std::string("Usage: kalctl ") + spec.name;
-    if (*spec.usage)
-        out += std::string(" ") + spec.usage;
-    if (!spec.options.empty())
+std::string command_help(const CommandSpec& desc) {
+    std::string out = std::string("Usage: kalctl ") + desc.name;
+    if (*desc.usage)
+        out += std::string(" ") + desc.usage;
+    if (!desc.options.empty())
         out += " [options]";
     out += "\n\n";
-    std::string summary = spec.summary;
+    std::string summary = desc.summary;
     summary[0] = static_cast<char>(std::toupper(static_cast<unsigned char>(summary[0])));
     out += summary + ".\n";
-    if (*spec.details)
-        out += std::string(spec.details) + "\n";
-    if (!spec.options.empty()) {
+    if (*desc.details)
+        out += std::string(desc.details) + "\n";
+    if (!desc.options.empty()) {
         out += "\nOptions:\n";
-        for (const auto& o : spec.options) {
+        for (const auto& o : desc.options) {
             std::string left = std::string("  ") + o.name + (o.arg ? std::string(" ") + o.arg : "");
             if (left.size() < 24)
                 left.resize(24, ' ');

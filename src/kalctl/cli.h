@@ -82,7 +82,7 @@ struct Invocation {
 Invocation parse_command_line(const std::vector<std::string>& argv);
 
 std::string global_help();
-std::string command_help(const CommandSpec& spec);
+std::string command_help(const CommandSpec& desc);
 
 // Value parsing with the option's name in the message. Throw UsageError.
 int32_t parse_int(const std::string& command, const std::string& what, const std::string& text,

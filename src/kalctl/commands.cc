@@ -349,8 +349,8 @@ int run(const Invocation& inv, std::ostream& out, std::ostream& err) {
             return kExitOk;
         }
         if (inv.help) {
-            const CommandSpec* spec = find_command(inv.command);
-            out << (spec ? command_help(*spec) : global_help());
+            const CommandSpec* desc = find_command(inv.command);
+            out << (desc ? command_help(*desc) : global_help());
             return kExitOk;
         }
         return dispatch(inv, out, err);

@@ -158,12 +158,12 @@ TEST(CommandLineTest, EveryHelpTextFitsATerminalAndNamesEveryOption) {
             EXPECT_LE(line.size(), 79u) << what << ": " << line;
     };
     check(global_help(), "kalctl --help");
-    for (const auto& spec : commands()) {
-        const std::string help = command_help(spec);
-        check(help, spec.name);
-        EXPECT_THAT(global_help(), HasSubstr(std::string("  ") + spec.name + " "));
-        for (const auto& option : spec.options)
-            EXPECT_THAT(help, HasSubstr(option.name)) << spec.name;
+    for (const auto& desc : commands()) {
+        const std::string help = command_help(desc);
+        check(help, desc.name);
+        EXPECT_THAT(global_help(), HasSubstr(std::string("  ") + desc.name + " "));
+        for (const auto& option : desc.options)
+            EXPECT_THAT(help, HasSubstr(option.name)) << desc.name;
     }
 }
 
