@@ -31,18 +31,6 @@ const std::string kToken = "cr-token";
 const char* const kAudio = kal_ResponseCode_OK_AudioReceived;
 const char* const kNoAudio = kal_ResponseCode_OK_NoAudio;
 
-std::string ptr(const void* p) {
-    char buf[32];
-    snprintf(buf, sizeof buf, "%p", p);
-    return buf;
-}
-
-std::string le32(int32_t v) {
-    std::string s(4, '\0');
-    memcpy(s.data(), &v, 4);
-    return s;
-}
-
 // A P or R command laid out by hand from the wire format.
 std::string audio_command(char c, const std::string& path, const std::string& stops, int32_t flags,
                           int32_t length) {

@@ -20,12 +20,6 @@ using ::testing::IsEmpty;
 
 namespace {
 
-std::string ptr(const void* p) {
-    char buf[32];
-    snprintf(buf, sizeof buf, "%p", p);
-    return buf;
-}
-
 const std::string kDeadman35 = std::string(">") + std::string("\x23\0\0\0", 4);
 const std::string kHangup("H\0", 2);
 

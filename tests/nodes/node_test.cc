@@ -23,18 +23,6 @@ using ::testing::IsEmpty;
 
 namespace {
 
-std::string ptr(const void* p) {
-    char buf[32];
-    snprintf(buf, sizeof buf, "%p", p);
-    return buf;
-}
-
-std::string le32(int32_t v) {
-    std::string s(4, '\0');
-    memcpy(s.data(), &v, 4);
-    return s;
-}
-
 // The bytes of a P or R command, laid out by hand from the wire format.
 std::string audio_command(char c, const std::string& path, const std::string& stops,
                           const std::string& token, const std::string& firstDialing, int32_t flags,

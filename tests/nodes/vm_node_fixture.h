@@ -33,18 +33,6 @@ inline const std::string kToken = "vm-token";
 // A cause of 0 reaches clients as an empty text.
 inline const std::string kNoCause;
 
-inline std::string ptr(const void* p) {
-    char buf[32];
-    snprintf(buf, sizeof buf, "%p", p);
-    return buf;
-}
-
-inline std::string le32(int32_t v) {
-    std::string s(4, '\0');
-    memcpy(s.data(), &v, 4);
-    return s;
-}
-
 // The types of `commands`, as one string ("PPH").
 inline std::string types_of(const std::vector<LineCommand>& commands) {
     std::string out;

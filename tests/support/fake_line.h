@@ -18,6 +18,8 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
+#include <cstdio>
+#include <cstring>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -147,5 +149,18 @@ class FakeLines {
     std::vector<Report> reports_;
     uint64_t sentinels_ = 0;  // settle() markers fired on the timer thread
 };
+
+// A pointer as the log prints it ("%p"), and an int as the wire carries it.
+inline std::string ptr(const void* p) {
+    char buf[32];
+    snprintf(buf, sizeof buf, "%p", p);
+    return buf;
+}
+
+inline std::string le32(int32_t v) {
+    std::string s(4, '\0');
+    memcpy(s.data(), &v, 4);
+    return s;
+}
 
 }  // namespace kal::test
