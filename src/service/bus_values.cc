@@ -10,7 +10,6 @@ namespace kal::bus {
 namespace {
 
 int append_value(sd_bus_message* m, const Value& value);
-int read_value(sd_bus_message* m, Value& out);
 
 int append_array(sd_bus_message* m, const ValueArray& array) {
     int r = sd_bus_message_open_container(m, 'a', "v");
@@ -172,43 +171,6 @@ int read_elements(sd_bus_message* m, char type, const char* contents, ValueArray
     return r < 0 ? r : sd_bus_message_exit_container(m);
 }
 
-int read_value(sd_bus_message* m, Value& out) {
-    char type;
-    const char* contents;
-    int r = sd_bus_message_peek_type(m, &type, &contents);
-    if (r <= 0)
-        return r < 0 ? r : -ENXIO;
-    switch (type) {
-        case 'v':
-            return read_variant(m, out);
-        case 'a':
-            if (contents[0] == 'y') {
-                const void* data;
-                size_t size;
-                if ((r = sd_bus_message_read_array(m, 'y', &data, &size)) < 0)
-                    return r;
-                const auto* bytes = static_cast<const uint8_t*>(data);
-                out = Value(Bytes(bytes, bytes + size));
-                return r;
-            }
-            if (contents[0] == '{') {
-                ValueDict dict;
-                if ((r = read_entries(m, contents, dict)) >= 0)
-                    out = Value(std::move(dict));
-                return r;
-            }
-            [[fallthrough]];
-        case 'r': {
-            ValueArray array;
-            if ((r = read_elements(m, type, contents, array)) >= 0)
-                out = Value(std::move(array));
-            return r;
-        }
-        default:
-            return read_basic(m, type, out);
-    }
-}
-
 }  // namespace
 
 std::string signature_of(const Value& value) {
@@ -258,6 +220,43 @@ int read_variant(sd_bus_message* m, Value& out) {
 
 int read_dict(sd_bus_message* m, ValueDict& out) {
     return read_entries(m, "{sv}", out);
+}
+
+int read_value(sd_bus_message* m, Value& out) {
+    char type;
+    const char* contents;
+    int r = sd_bus_message_peek_type(m, &type, &contents);
+    if (r <= 0)
+        return r < 0 ? r : -ENXIO;
+    switch (type) {
+        case 'v':
+            return read_variant(m, out);
+        case 'a':
+            if (contents[0] == 'y') {
+                const void* data;
+                size_t size;
+                if ((r = sd_bus_message_read_array(m, 'y', &data, &size)) < 0)
+                    return r;
+                const auto* bytes = static_cast<const uint8_t*>(data);
+                out = Value(Bytes(bytes, bytes + size));
+                return r;
+            }
+            if (contents[0] == '{') {
+                ValueDict dict;
+                if ((r = read_entries(m, contents, dict)) >= 0)
+                    out = Value(std::move(dict));
+                return r;
+            }
+            [[fallthrough]];
+        case 'r': {
+            ValueArray array;
+            if ((r = read_elements(m, type, contents, array)) >= 0)
+                out = Value(std::move(array));
+            return r;
+        }
+        default:
+            return read_basic(m, type, out);
+    }
 }
 
 }  // namespace kal::bus

@@ -29,6 +29,8 @@ int append_dict(sd_bus_message* m, const ValueDict& dict);
 // it is an integer, goes as x whatever width it was stored with.
 int append_user_info(sd_bus_message* m, const ValueDict& info);
 
+// Reads whatever value comes next (a variant is unwrapped) into `out`.
+int read_value(sd_bus_message* m, Value& out);
 // Reads a variant into `out`.
 int read_variant(sd_bus_message* m, Value& out);
 // Reads an a{sv}.

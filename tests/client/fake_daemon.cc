@@ -37,69 +37,11 @@ std::map<std::string, ContractMethod> read_contract(const std::string& interface
 
 namespace {
 
-// Reads one argument of the types the contract uses.
-int read_arg(sd_bus_message* m, Value& out) {
-    char type;
-    const char* contents;
-    int r = sd_bus_message_peek_type(m, &type, &contents);
-    if (r <= 0)
-        return r < 0 ? r : -ENXIO;
-    switch (type) {
-        case 'v':
-            return bus::read_variant(m, out);
-        case 'a':
-            if (std::string(contents) == "{sv}") {
-                ValueDict dict;
-                r = bus::read_dict(m, dict);
-                out = Value(std::move(dict));
-                return r;
-            } else {
-                ValueArray list;
-                if ((r = sd_bus_message_enter_container(m, 'a', contents)) < 0)
-                    return r;
-                const char* s;
-                while ((r = sd_bus_message_read_basic(m, 's', &s)) > 0)
-                    list.emplace_back(s);
-                if (r < 0)
-                    return r;
-                out = Value(std::move(list));
-                return sd_bus_message_exit_container(m);
-            }
-        case 's':
-        case 'o': {
-            const char* s;
-            if ((r = sd_bus_message_read_basic(m, type, &s)) > 0)
-                out = Value(std::string(s));
-            return r;
-        }
-        case 'i': {
-            int32_t i;
-            if ((r = sd_bus_message_read_basic(m, type, &i)) > 0)
-                out = Value(i);
-            return r;
-        }
-        case 'u': {
-            uint32_t u;
-            if ((r = sd_bus_message_read_basic(m, type, &u)) > 0)
-                out = Value(u);
-            return r;
-        }
-        case 'b': {
-            int b;
-            if ((r = sd_bus_message_read_basic(m, type, &b)) > 0)
-                out = Value(b != 0);
-            return r;
-        }
-        default:
-            return -EINVAL;
-    }
-}
-
 int read_all(sd_bus_message* m, std::vector<Value>& out) {
     int r;
     while ((r = sd_bus_message_at_end(m, false)) == 0) {
         Value v;
-        if ((r = read_arg(m, v)) < 0)
+        if ((r = bus::read_value(m, v)) < 0)
             return r;
         out.push_back(std::move(v));
     }
