@@ -73,8 +73,15 @@ void* babymonitor(void*) {
         int status = 0;
         pid_t pid = wait(&status);
         if (pid == -1) {
-            kallog(KAL_DEBUG, "Babymonitor exiting due to no more children");
+            // A child forked after wait() gave up finds us still marked as
+            // running, so its spawn starts no supervisor: look again under
+            // the lock, which that spawn's start_babymonitor takes after the
+            // fork, and only end when there really is no child.
             std::lock_guard lock(babymonitor_mutex);
+            siginfo_t info{};
+            if (waitid(P_ALL, 0, &info, WEXITED | WNOHANG | WNOWAIT) == 0)
+                continue;
+            kallog(KAL_DEBUG, "Babymonitor exiting due to no more children");
             babymonitor_is_running = false;
             babymonitor_tid_valid = false;
             return nullptr;
