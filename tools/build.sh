@@ -11,5 +11,11 @@ case "$variant" in
     tsan) sanitize="thread" ;;
     *) echo "unknown variant $variant" >&2; exit 2 ;;
 esac
-cmake -S . -B "build/$variant" -G Ninja -DCMAKE_BUILD_TYPE=Debug -DKAL_SANITIZE="$sanitize" >/dev/null
+# ccache, when the machine has it, lets several checkouts share compiled objects.
+launcher=()
+if command -v ccache >/dev/null; then
+    export CCACHE_BASEDIR="${CCACHE_BASEDIR:-$(dirname "$PWD")}" CCACHE_NOHASHDIR=1
+    launcher=(-DCMAKE_C_COMPILER_LAUNCHER=ccache -DCMAKE_CXX_COMPILER_LAUNCHER=ccache)
+fi
+cmake -S . -B "build/$variant" -G Ninja -DCMAKE_BUILD_TYPE=Debug -DKAL_SANITIZE="$sanitize" "${launcher[@]}" >/dev/null
 cmake --build "build/$variant"
