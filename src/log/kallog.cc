@@ -93,6 +93,21 @@ void open_mystderr() {
         syslog(LOG_USER | LOG_ALERT, "could not open mystderr.");
 }
 
+// Whether the log file opened on `fd` is a regular file; if so, its writes
+// are made blocking again. Deliberately stricter than a plain append-open:
+// the log directory is world-writable, so anyone may put a FIFO, a device
+// or a socket under the log's name. The log is therefore opened without
+// blocking (a FIFO nobody reads would otherwise stall start-up inside open)
+// and anything but a regular file sends the log to syslog, as a log file
+// that cannot be written does.
+bool is_plain_log_file(int fd) {
+    struct stat st {};
+    if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode))
+        return false;
+    const int flags = fcntl(fd, F_GETFL);
+    return flags != -1 && fcntl(fd, F_SETFL, flags & ~O_NONBLOCK) == 0;
+}
+
 void kal_setuplog(const std::string& path, time_t now) {
     open_mystderr();
 
@@ -103,8 +118,13 @@ void kal_setuplog(const std::string& path, time_t now) {
     mode_t old = umask(0);
     // O_NOFOLLOW: a link planted in the world-writable log directory must not
     // redirect our writes.
-    int fd = ::open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0666);
+    int fd = ::open(path.c_str(),
+                    O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK, 0666);
     umask(old);
+    if (fd >= 0 && !is_plain_log_file(fd)) {
+        ::close(fd);
+        fd = -1;
+    }
     FILE* f = fd >= 0 ? fdopen(fd, "a") : nullptr;
     if (!f) {
         if (fd >= 0)

@@ -1,12 +1,16 @@
 #include "log/kallog.h"
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <ctime>
+#include <functional>
 #include <string>
 
 #include "base/clock.h"
@@ -48,6 +52,23 @@ TEST_F(KallogTest, ThresholdByteFiveMeansNotice) {
     kallog(KAL_NOTICE, "notice is kept");
     EXPECT_THAT(log_text(), Not(HasSubstr("info is dropped")));
     EXPECT_THAT(log_text(), HasSubstr("] NOTICE: notice is kept\n"));
+}
+
+TEST_F(KallogTest, ThresholdByteEightIsTheHighestAccepted) {
+    write_level_file(std::string(1, '\x08'));
+    kallogregister("KALDeviceMaster");
+    EXPECT_EQ(kalgetcurrentloglevel(), 8u);
+    kallog(KAL_DEVEL, "devel is kept");
+    EXPECT_THAT(log_text(), HasSubstr("] DEVEL: devel is kept\n"));
+}
+
+TEST_F(KallogTest, ThresholdByteNineIsRefused) {
+    write_level_file(std::string(1, '\x09'));
+    kallogregister("KALDeviceMaster");
+    EXPECT_EQ(kalgetcurrentloglevel(), 7u);
+    kallog(KAL_DEVEL, "devel is dropped");
+    EXPECT_THAT(log_text(), HasSubstr("kallog: read bad level char 9 from " + debuglevel_path()));
+    EXPECT_THAT(log_text(), Not(HasSubstr("devel is dropped")));
 }
 
 TEST_F(KallogTest, EmptyThresholdFileIsReportedAndChangesNothing) {
@@ -142,12 +163,18 @@ TEST_F(KallogTest, MidnightRollRenamesToTimeAndPid) {
     kallog(KAL_NOTICE, "still before");
     EXPECT_EQ(list_dir(log_dir()).size(), 1u);
 
-    clock_.advance(2);  // 00:00:01
+    // Midnight itself is the roll time: the first message after it rolls.
+    clock_.advance(1);  // 00:00:00
+    kallog(KAL_NOTICE, "at midnight");
+    EXPECT_EQ(list_dir(log_dir()).size(), 1u);
+
+    clock_.advance(1);  // 00:00:01
     kallog(KAL_NOTICE, "after midnight");
     const std::string rolled =
         log_path() + "." + std::to_string(clock_.now()) + "." + std::to_string(getpid());
     ASSERT_TRUE(file_exists(rolled));
     EXPECT_THAT(read_file(rolled), HasSubstr("still before"));
+    EXPECT_THAT(read_file(rolled), HasSubstr("at midnight"));
     EXPECT_THAT(read_file(rolled), Not(HasSubstr("after midnight")));
     const std::string fresh = log_text();
     EXPECT_THAT(fresh, HasSubstr("Now beginning to log to file"));
@@ -218,6 +245,73 @@ TEST_F(KallogTest, VomitMarkerEchoesToProtectedStderr) {
         HasSubstr(".vomit detected... will print logs at current log level which is 7-DEBUG"));
     EXPECT_THAT(text, HasSubstr("] INFO: echoed info\n"));
     EXPECT_THAT(text, HasSubstr("] INFO: through the protected copy\n"));
+}
+
+TEST_F(KallogTest, StandardErrorEchoStartsAtWarn) {
+    const std::string captured = root_.path() + "/stderr.txt";
+    int saved = dup(2);
+    FILE* f = freopen(captured.c_str(), "w", stderr);
+    ASSERT_NE(f, nullptr);
+    kallogregister("KALDeviceMaster");
+    kallog(KAL_ERR, "an error");
+    kallog(KAL_WARN, "a warning");
+    kallog(KAL_NOTICE, "a notice");
+    kallog(KAL_INFO, "some info");
+    fflush(stderr);
+    dup2(saved, 2);
+    close(saved);
+    const std::string text = read_file(captured);
+    EXPECT_THAT(text, HasSubstr("] ERR: an error\n"));
+    EXPECT_THAT(text, HasSubstr("] WARN: a warning\n"));
+    EXPECT_THAT(text, Not(HasSubstr("a notice")));
+    EXPECT_THAT(text, Not(HasSubstr("some info")));
+    // Everything is in the file all the same.
+    EXPECT_THAT(log_text(), HasSubstr("] NOTICE: a notice\n"));
+}
+
+// Runs `body` in a forked child; its exit status, or -1 when it has not
+// ended within `deadline` (it is killed then), so a body that blocks fails
+// the test instead of hanging it.
+int exit_status_in_child(const std::function<int()>& body, std::chrono::milliseconds deadline) {
+    const pid_t pid = fork();
+    if (pid == 0)
+        _exit(body());
+    int status = 0;
+    const bool ended = wait_for([&] { return waitpid(pid, &status, WNOHANG) == pid; }, deadline);
+    if (!ended) {
+        kill(pid, SIGKILL);
+        waitpid(pid, &status, 0);
+        return -1;
+    }
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+TEST_F(KallogTest, AFifoPlantedAsTheLogSendsTheLogToSyslogWithoutBlocking) {
+    make_dirs(log_dir());
+    ASSERT_EQ(mkfifo(log_path().c_str(), 0666), 0);
+    // With nobody reading, a blocking open would wait for ever; with a
+    // reader it would succeed and feed the reader the log.
+    for (const bool withReader : {false, true}) {
+        SCOPED_TRACE(withReader ? "a reader holds the FIFO open" : "nobody reads the FIFO");
+        int reader = -1;
+        if (withReader) {
+            reader = open(log_path().c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+            ASSERT_GE(reader, 0);
+        }
+        const int status = exit_status_in_child(
+            [] {
+                kallogregister("KALDeviceMaster");
+                kallog(KAL_NOTICE, "where does this go?");
+                return kallog_debugfd() == -1 ? 0 : 1;
+            },
+            10s);
+        EXPECT_EQ(status, 0) << "-1: blocked; 1: the FIFO was taken as the log file";
+        if (reader >= 0) {
+            char buf[64];
+            EXPECT_EQ(read(reader, buf, sizeof buf), 0) << "nothing was written into the FIFO";
+            close(reader);
+        }
+    }
 }
 
 }  // namespace
