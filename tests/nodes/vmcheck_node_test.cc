@@ -205,6 +205,24 @@ TEST_F(VMCheckNodeTest, AMessageHeardOutOrCutShortWithStarClearsTheLoopCount) {
     }
 }
 
+TEST_F(VMCheckNodeTest, StarEndsAMessageAtTheLineMonitorAndTheMenuFollows) {
+    lines_.audioFile("msg1.raw", 24000);
+    auto node = awaitingFirst();
+    ASSERT_TRUE(node->nextMessage(msg1_));
+    // The line monitor itself must stop the message on `*`: it is in the
+    // stop string the message is played with.
+    auto play = lines_.nextCommand();
+    ASSERT_TRUE(play && play->type() == 'P');
+    EXPECT_EQ(play->bytes.substr(1 + 1024, 18), std::string("PplbdceJafhH123#*\0", 18));
+    EXPECT_EQ(play->audio().path, msg1_);
+
+    reply(lm::kAudioStopped, '*');
+    expectMenu();
+    EXPECT_EQ(node->state(), VMCheckNode::kMsgMenu);
+    EXPECT_NE(lines_.reports().back().name, kal_PleaseRestartVMCheck) << "a message, not the menu";
+    EXPECT_EQ(lines_.nextCommand(), std::nullopt);
+}
+
 TEST_F(VMCheckNodeTest, StarAtTheMenuStartsOverWithTheClientsGreetingAndTheCountCarriesOver) {
     auto node = atMenu();
     for (int loop = 1; loop <= 3; ++loop) {
