@@ -188,6 +188,14 @@ int pending_timer_count() {
     return static_cast<int>(tl_head.size());
 }
 
+int pending_timer_count(TimerOwner id) {
+    std::lock_guard lock(timer_mutex);
+    int count = 0;
+    for (const kal_timer& t : tl_head)
+        count += t.id == id ? 1 : 0;
+    return count;
+}
+
 bool timer_thread_running() {
     std::lock_guard lock(timer_mutex);
     return timer_running;

@@ -27,6 +27,8 @@ void kick_timer_thread();
 // Number of pending timers, and whether the thread runs (for tests and
 // diagnostics).
 int pending_timer_count();
+// Number of pending timers of `id`.
+int pending_timer_count(TimerOwner id);
 bool timer_thread_running();
 
 template <typename T>

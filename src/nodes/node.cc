@@ -94,15 +94,45 @@ void Node::attachToDeviceTable(const std::string& serial, int type, bool teardow
         if (teardownExisting) {
             previous->forceTeardown();
         } else {
-            // Replaced without a teardown: it keeps commanding its line by
-            // serial, and its own teardown will find the record is not its.
-            previous->replacedOnSerial_ = record->serial;
-            previous->device_ = nullptr;
+            previous->detachFrom(*record);
         }
     }
     record->node = weak_from_this();
     record->nodeType = type;
     unlock_device_table();
+}
+
+void Node::detachFrom(const qlx& record) {
+    // It keeps commanding its line by serial, and its own teardown will
+    // find the record is not its.
+    replacedOnSerial_ = record.serial;
+    device_ = nullptr;
+    scheduleDetachedCheck(kDetachedChecks);
+}
+
+void Node::scheduleDetachedCheck(int checksLeft) {
+    add_timer_in(
+        kReleaseDelaySeconds,
+        [weak = weak_from_this()](TimerOwner, int left) {
+            if (std::shared_ptr<Node> node = weak.lock())
+                node->detachedCheck(left);
+        },
+        kReleaseTimerId, checksLeft);
+}
+
+void Node::detachedCheck(int checksLeft) {
+    if (isTornDown())
+        return;
+    const int pending = pending_timer_count(timerId());
+    if (pending > 0 && checksLeft > 1) {
+        kallog(KAL_DEBUG, "Node %p: Detached from its line with %d timer(s) of its own pending.",
+               static_cast<void*>(this), pending);
+        scheduleDetachedCheck(checksLeft - 1);
+        return;
+    }
+    kallog(KAL_DEBUG, "Node %p: Detached from its line and done with it. Tearing down.",
+           static_cast<void*>(this));
+    teardown();
 }
 
 void Node::setDevicePtr(qlx* record) {

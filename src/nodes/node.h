@@ -15,7 +15,8 @@
 // record holds only a weak link; the line event thread holds a reference
 // across each call into the node; the node's own timers hold weak links, so
 // they never keep it alive and never reach a freed node. A node that is
-// never torn down is never freed.
+// never torn down is never freed; one that another node replaced on its line
+// without a teardown is torn down by its detached checks.
 //
 // Thread-aware, not thread-safe: node methods run on the line event thread
 // (events), on client-service threads (requests) and on the timer thread
@@ -60,6 +61,10 @@ class Node : public LineNode, public std::enable_shared_from_this<Node> {
   public:
     // A torn-down node is freed this long after its teardown.
     static constexpr int kReleaseDelaySeconds = 30;
+    // A node replaced on its line without a teardown is looked at this many
+    // times, kReleaseDelaySeconds apart, before it is torn down regardless
+    // of timers of its own still pending (see scheduleDetachedCheck).
+    static constexpr int kDetachedChecks = 5;
     // The id of every release timer. Not a node's address, so that
     // cancelling a node's own timers never cancels its release.
     static constexpr TimerOwner kReleaseTimerId = 66;
@@ -201,6 +206,18 @@ class Node : public LineNode, public std::enable_shared_from_this<Node> {
 
   private:
     void keepSelf(std::shared_ptr<Node> self) { self_ = std::move(self); }
+    // Another node has taken this one's line without tearing it down: it
+    // keeps commanding its line by serial. Device-table lock held.
+    void detachFrom(const qlx& record);
+    // A detached node hears its line no more, so it would never end its
+    // session and never be freed. Only its own pending timers can still
+    // make it act, and those are left to run: it is torn down (and freed
+    // kReleaseDelaySeconds later) at the first check that finds none of
+    // them pending, or at the last check in any case, so that an endless
+    // renewal cannot keep it either. The check timer links weakly and runs
+    // under kReleaseTimerId, so the node's own cancellations never drop it.
+    void scheduleDetachedCheck(int checksLeft);
+    void detachedCheck(int checksLeft);
     void delayedRelease();
     // Whether `record` links back to this node. Device-table lock held.
     bool isNodeOf(const qlx& record) const;

@@ -112,6 +112,29 @@ TEST_F(NodeTest, TakingOverALineTearsThePreviousNodeDownOnlyWhenAsked) {
     EXPECT_EQ(lines_.nodeOn(0), third);
 }
 
+TEST_F(NodeTest, AReplacedNodeKeepsItsOwnTimersButIsTornDownWithinItsChecks) {
+    std::weak_ptr<Node> weak;
+    {
+        auto node = attached(0);
+        weak = node;
+        node->extendTimerWithLocking(true, 20);  // renews every 10 s, for ever
+    }
+    EXPECT_EQ(lines_.nextCommand(0)->bytes, ">" + le32(20));
+    attached(0, kNodeTypeCallRecording);
+    const int checked = Node::kDetachedChecks * Node::kReleaseDelaySeconds;
+    // Until the last check its renewals still reach the line, as they did
+    // before it was replaced...
+    lines_.advance(checked - 1);
+    EXPECT_FALSE(weak.expired());
+    EXPECT_EQ(lines_.commands(0).size(), static_cast<size_t>((checked - 1) / 10));
+    // ...then it is torn down, renews no more, and is freed.
+    lines_.advance(1);
+    EXPECT_TRUE(weak.lock()->isTornDown());
+    lines_.advance(Node::kReleaseDelaySeconds);
+    EXPECT_TRUE(weak.expired());
+    EXPECT_EQ(lines_.nextCommand(0), std::nullopt);
+}
+
 TEST_F(NodeTest, ReleaseFreesTheNodeThirtyDrivenSecondsAfterTeardown) {
     std::weak_ptr<Node> weak;
     std::string name;

@@ -10,6 +10,7 @@
 
 #include "core/qlxconfig.h"
 #include "log/kallog.h"
+#include "nodes/cr_node.h"
 #include "nodes/fax_wait_node.h"
 #include "service/vocabulary.h"
 #include "vm_node_fixture.h"
@@ -465,6 +466,38 @@ TEST_F(VMNodeTest, ANodeTakingTheLineByForceEndsTheSessionQuietly) {
     lines_.advance(5);
     EXPECT_THAT(lines_.completions(), IsEmpty()) << "the taker's client speaks for the line";
     EXPECT_EQ(lines_.nextCommand(), std::nullopt);
+}
+
+TEST_F(VMNodeTest, ASessionACallRecorderTakesTheLineFromIsFreedWithoutASound) {
+    // Line 1 is the yardstick: the same recorder on a line of its own.
+    const std::string rec = lines_.root().path() + "/rec.raw";
+    const auto recorder = [&](int line) {
+        return lines_.track(
+            CRNode::beginForResource(FakeLines::serial(line), "cr-token", rec, {}, {}, 0));
+    };
+    std::weak_ptr<VMNode> weak;
+    {
+        auto node = start({.choices = {"1"}});
+        weak = node;
+        expectPlay();  // waiting for the greeting's reply
+    }
+    recorder(0);
+    recorder(1);
+    EXPECT_FALSE(weak.expired());
+    lines_.advance(2 * Node::kReleaseDelaySeconds);
+    EXPECT_TRUE(weak.expired()) << "the replaced session is torn down and released";
+
+    const auto line0 = lines_.commands(0);
+    const auto line1 = lines_.commands(1);
+    EXPECT_EQ(types_of(line0), "R>>");
+    ASSERT_EQ(line0.size(), line1.size());
+    for (size_t i = 0; i < line0.size(); ++i)
+        EXPECT_EQ(line0[i].bytes, line1[i].bytes) << "command " << i;
+    EXPECT_THAT(lines_.completions(), IsEmpty());
+    std::vector<std::string> notes[2];
+    for (const auto& r : lines_.reports())
+        notes[r.serial == FakeLines::serial(1) ? 1 : 0].push_back(r.name);
+    EXPECT_EQ(notes[0], notes[1]);
 }
 
 TEST_F(VMNodeTest, OnAnUnknownLineTheSessionFailsAtOnce) {
