@@ -8,6 +8,7 @@ packages=(
     libsystemd-dev libudev-dev libplist-dev
     libgtest-dev libgmock-dev libbenchmark-dev
     dbus-daemon umockdev libumockdev-dev python3-dbusmock
+    clang libclang-rt-14-dev
 )
 
 missing=()

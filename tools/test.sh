@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # The test command: installs what it needs, checks formatting, then builds
-# and runs the whole suite three times (plain, ASan+UBSan, TSan). Fails when
+# and runs the whole suite three times (plain, ASan+UBSan, TSan), and runs
+# each fuzz target for a fixed number of inputs (tools/fuzz.sh). Fails when
 # any of them fails.
 set -uo pipefail
 cd "$(dirname "$0")/.."
@@ -9,6 +10,7 @@ bash tools/install-deps.sh || exit 1
 
 status=0
 if ! git ls-files -co --exclude-standard -- 'src/*.cc' 'src/*.h' 'tests/*.cc' 'tests/*.h' 'bench/*.cc' \
+        'fuzz/*.cc' 'fuzz/*.h' \
         | xargs -r clang-format --dry-run --Werror; then
     echo "clang-format: the files above need formatting (clang-format -i)"
     status=1
@@ -30,5 +32,10 @@ for variant in normal asan tsan; do
         status=1
     fi
 done
-[ $status -eq 0 ] && echo "=== all three builds passed ==="
+echo "=== fuzz ==="
+if ! bash tools/fuzz.sh; then
+    echo "=== fuzz: FAILED ==="
+    status=1
+fi
+[ $status -eq 0 ] && echo "=== all three builds and the fuzz run passed ==="
 exit $status
