@@ -40,6 +40,13 @@ void send_back(sd_bus* bus, const Value& value) {
     sd_bus_message_unref(out);
 }
 
+// Reads an argument with the daemon's reader for a method parameter of type T.
+template <class T>
+int read_as(sd_bus_message* m) {
+    T value{};
+    return Arg<T>::read(m, value);
+}
+
 // Reads the argument at the cursor with the reader for its type; < 0 when
 // the reader gave up (the daemon then gives up on the message), 0 at the end.
 int read_argument(sd_bus* bus, sd_bus_message* m) {
@@ -50,34 +57,22 @@ int read_argument(sd_bus* bus, sd_bus_message* m) {
         return r;
     Value value;
     switch (type) {
-        case 's': {
-            OptString s;
-            return Arg<OptString>::read(m, s);
-        }
-        case 'o': {
-            ObjectPath p;
-            return Arg<ObjectPath>::read(m, p);
-        }
-        case 'i': {
-            int32_t i;
-            return Arg<int32_t>::read(m, i);
-        }
-        case 'u': {
-            uint32_t u;
-            return Arg<uint32_t>::read(m, u);
-        }
-        case 'b': {
-            bool b;
-            return Arg<bool>::read(m, b);
-        }
+        case 's':
+            return read_as<OptString>(m);
+        case 'o':
+            return read_as<ObjectPath>(m);
+        case 'i':
+            return read_as<int32_t>(m);
+        case 'u':
+            return read_as<uint32_t>(m);
+        case 'b':
+            return read_as<bool>(m);
         case 'v':
             r = Arg<Value>::read(m, value);
             break;
         case 'a':
-            if (strcmp(contents, "s") == 0) {
-                StringList list;
-                return Arg<StringList>::read(m, list);
-            }
+            if (strcmp(contents, "s") == 0)
+                return read_as<StringList>(m);
             if (strcmp(contents, "{sv}") == 0) {
                 ValueDict dict;
                 r = Arg<ValueDict>::read(m, dict);
@@ -101,17 +96,10 @@ int on_message(sd_bus_message* m, void* userdata, sd_bus_error*) {
     while (read_argument(bus, m) > 0) {
     }
     // Readers that find another type than theirs at the start.
-    if (sd_bus_message_rewind(m, true) >= 0) {
-        ValueDict dict;
-        (void)read_dict(m, dict);
-    }
-    if (sd_bus_message_rewind(m, true) >= 0) {
-        Value value;
-        (void)read_variant(m, value);
-    }
-    if (sd_bus_message_rewind(m, true) >= 0) {
-        StringList list;
-        (void)Arg<StringList>::read(m, list);
+    for (int (*reader)(sd_bus_message*) :
+         {read_as<ValueDict>, read_as<Value>, read_as<StringList>}) {
+        if (sd_bus_message_rewind(m, true) >= 0)
+            (void)reader(m);
     }
     return 1;
 }

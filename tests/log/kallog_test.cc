@@ -32,6 +32,20 @@ class KallogTest : public ::testing::Test {
     std::string log_path() const { return log_dir() + "/KALDeviceMaster"; }
     std::string log_text() const { return read_file(log_path()); }
     void write_level_file(const std::string& bytes) { write_file(debuglevel_path(), bytes); }
+    // What `body` writes to standard error (descriptor 2 and the stream).
+    std::string stderr_of(const std::function<void()>& body) {
+        const std::string captured = root_.path() + "/stderr.txt";
+        int saved = dup(2);
+        if (freopen(captured.c_str(), "w", stderr) == nullptr) {
+            ADD_FAILURE() << "could not capture standard error";
+            return "";
+        }
+        body();
+        fflush(stderr);
+        dup2(saved, 2);
+        close(saved);
+        return read_file(captured);
+    }
 
     TempRoot root_;
     ManualClock clock_{time(nullptr)};
@@ -54,21 +68,21 @@ TEST_F(KallogTest, ThresholdByteFiveMeansNotice) {
     EXPECT_THAT(log_text(), HasSubstr("] NOTICE: notice is kept\n"));
 }
 
-TEST_F(KallogTest, ThresholdByteEightIsTheHighestAccepted) {
-    write_level_file(std::string(1, '\x08'));
-    kallogregister("KALDeviceMaster");
-    EXPECT_EQ(kalgetcurrentloglevel(), 8u);
-    kallog(KAL_DEVEL, "devel is kept");
-    EXPECT_THAT(log_text(), HasSubstr("] DEVEL: devel is kept\n"));
-}
-
-TEST_F(KallogTest, ThresholdByteNineIsRefused) {
+TEST_F(KallogTest, ThresholdBytesStopAtEightForDevel) {
     write_level_file(std::string(1, '\x09'));
     kallogregister("KALDeviceMaster");
-    EXPECT_EQ(kalgetcurrentloglevel(), 7u);
+    EXPECT_EQ(kalgetcurrentloglevel(), 7u) << "nine is refused";
     kallog(KAL_DEVEL, "devel is dropped");
-    EXPECT_THAT(log_text(), HasSubstr("kallog: read bad level char 9 from " + debuglevel_path()));
-    EXPECT_THAT(log_text(), Not(HasSubstr("devel is dropped")));
+
+    write_level_file(std::string(1, '\x08'));
+    kallogreadlevelfromfile();
+    EXPECT_EQ(kalgetcurrentloglevel(), 8u) << "eight is accepted";
+    kallog(KAL_DEVEL, "devel is kept");
+
+    const std::string text = log_text();
+    EXPECT_THAT(text, HasSubstr("kallog: read bad level char 9 from " + debuglevel_path()));
+    EXPECT_THAT(text, Not(HasSubstr("devel is dropped")));
+    EXPECT_THAT(text, HasSubstr("] DEVEL: devel is kept\n"));
 }
 
 TEST_F(KallogTest, EmptyThresholdFileIsReportedAndChangesNothing) {
@@ -227,19 +241,13 @@ TEST_F(KallogTest, SigvecSwitchInstallsUsr1HandlerOnce) {
 TEST_F(KallogTest, VomitMarkerEchoesToProtectedStderr) {
     make_dirs(log_dir());
     write_file(vomit_marker(), "");
-    const std::string captured = root_.path() + "/stderr.txt";
-    int saved = dup(2);
-    FILE* f = freopen(captured.c_str(), "w", stderr);
-    ASSERT_NE(f, nullptr);
-    kallogregister("KALDeviceMaster");
-    kallog(KAL_INFO, "echoed info");
-    kal_save_stderr();
-    kallog(KAL_INFO, "through the protected copy");
-    kal_restore_stderr();
-    fflush(stderr);
-    dup2(saved, 2);
-    close(saved);
-    const std::string text = read_file(captured);
+    const std::string text = stderr_of([] {
+        kallogregister("KALDeviceMaster");
+        kallog(KAL_INFO, "echoed info");
+        kal_save_stderr();
+        kallog(KAL_INFO, "through the protected copy");
+        kal_restore_stderr();
+    });
     EXPECT_THAT(
         text,
         HasSubstr(".vomit detected... will print logs at current log level which is 7-DEBUG"));
@@ -248,19 +256,13 @@ TEST_F(KallogTest, VomitMarkerEchoesToProtectedStderr) {
 }
 
 TEST_F(KallogTest, StandardErrorEchoStartsAtWarn) {
-    const std::string captured = root_.path() + "/stderr.txt";
-    int saved = dup(2);
-    FILE* f = freopen(captured.c_str(), "w", stderr);
-    ASSERT_NE(f, nullptr);
-    kallogregister("KALDeviceMaster");
-    kallog(KAL_ERR, "an error");
-    kallog(KAL_WARN, "a warning");
-    kallog(KAL_NOTICE, "a notice");
-    kallog(KAL_INFO, "some info");
-    fflush(stderr);
-    dup2(saved, 2);
-    close(saved);
-    const std::string text = read_file(captured);
+    const std::string text = stderr_of([] {
+        kallogregister("KALDeviceMaster");
+        kallog(KAL_ERR, "an error");
+        kallog(KAL_WARN, "a warning");
+        kallog(KAL_NOTICE, "a notice");
+        kallog(KAL_INFO, "some info");
+    });
     EXPECT_THAT(text, HasSubstr("] ERR: an error\n"));
     EXPECT_THAT(text, HasSubstr("] WARN: a warning\n"));
     EXPECT_THAT(text, Not(HasSubstr("a notice")));
