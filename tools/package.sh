@@ -13,5 +13,5 @@ rm -rf "$out"
 mkdir -p "$out/src"
 tar --exclude=./build --exclude=./.git -cf - . | tar -C "$out/src" -xf -
 (cd "$out/src" && dpkg-buildpackage -b -us -uc)
-lintian --fail-on error --info "$out"/*.changes
+lintian --fail-on error --display-info "$out"/*.changes
 ls "$out"/*.deb
