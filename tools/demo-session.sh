@@ -84,7 +84,7 @@ grep -E "KALRingDetect|KALCallerID|KALHookStatus|KALDigitDialed" "$KAL_ROOT/moni
 audio=$KAL_ROOT/audio
 messages=$KAL_ROOT/messages
 mkdir -p "$audio" "$messages"
-tone() { for _ in $(seq 1 $((2 * $2))); do cat "$KAL_ROOT/Library/Frameworks/KALPhoneKit.framework/Resources/tone450.raw"; done >"$audio/$1"; }
+tone() { for _ in $(seq 1 $((2 * $2))); do cat "$KAL_DEMO_RESOURCES/tone450.raw"; done >"$audio/$1"; }
 tone main.raw 30        # "Press 1 to leave a message, 9 for the menu."
 tone mailbox.raw 2      # "Leave your message after the tone."
 tone weather.raw 3      # what script 1 answers

@@ -15,8 +15,12 @@ export KAL_DEMO_BIN=$PWD/build/normal/bin
 export KAL_DEMO_DATA=$PWD/data
 export KAL_ROOT=$PWD/build/demo-root
 rm -rf "$KAL_ROOT"
-resources="$KAL_ROOT/Library/Frameworks/KALPhoneKit.framework/Resources"
-mkdir -p "$KAL_ROOT/var/tmp" "$resources"
+# The directories the daemon was built to look in (KAL_RESOURCES_DIR,
+# KAL_STATE_DIR), under the private root.
+cache_var() { sed -n "s|^$1:[A-Z]*=||p" build/normal/CMakeCache.txt; }
+export KAL_DEMO_RESOURCES=$KAL_ROOT$(cache_var KAL_RESOURCES_DIR)
+resources=$KAL_DEMO_RESOURCES
+mkdir -p "$KAL_ROOT/var/tmp" "$resources" "$KAL_ROOT$(cache_var KAL_STATE_DIR)"
 for program in KALLineMonitor ZRXLineMonitor; do
     ln -s "$KAL_DEMO_BIN/kal-linesim" "$resources/$program"
 done

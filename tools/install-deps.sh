@@ -1,15 +1,22 @@
 #!/usr/bin/env bash
-# Installs the Debian 12 packages the project builds, tests and demos with.
-# Idempotent: does nothing when everything is already there.
+# Installs the Debian 12 packages the project builds, tests and demos with;
+# `install-deps.sh package` also what building the Debian packages takes
+# (tools/package.sh). Idempotent: does nothing when everything is already
+# there.
 set -euo pipefail
 
+# scdoc turns the man pages (man/*.scd) into roff: one small C program with
+# no dependencies, whose markup is plain text a reviewer reads as it is.
 packages=(
-    g++ cmake ninja-build pkg-config clang-format
+    g++ cmake ninja-build pkg-config clang-format scdoc
     libsystemd-dev libudev-dev libplist-dev
     libgtest-dev libgmock-dev libbenchmark-dev
     dbus-daemon umockdev libumockdev-dev python3-dbusmock
     clang libclang-rt-14-dev
 )
+if [ "${1:-}" = package ]; then
+    packages+=(build-essential dpkg-dev debhelper lintian)
+fi
 
 missing=()
 for p in "${packages[@]}"; do

@@ -2,8 +2,12 @@
 
 #include <cstdlib>
 
+// The build passes both (CMake cache variables of the same names).
 #ifndef KAL_RESOURCES_DIR
-#define KAL_RESOURCES_DIR "/Library/Frameworks/KALPhoneKit.framework/Resources"
+#define KAL_RESOURCES_DIR "/usr/lib/kaldevicemaster"
+#endif
+#ifndef KAL_STATE_DIR
+#define KAL_STATE_DIR "/var/lib/kaldevicemaster"
 #endif
 
 namespace kal {
@@ -26,14 +30,18 @@ std::string linemonitor_path() {
 std::string zrx_linemonitor_path() {
     return resources_dir() + "/" + kZRXLineMonitorName;
 }
-std::string qlxconfig_path() {
-    return resources_dir() + "/qlxconfig";
-}
-std::string debuglevel_path() {
-    return resources_dir() + "/debuglevel";
-}
 std::string tone450_path() {
     return resources_dir() + "/tone450.raw";
+}
+
+std::string state_dir() {
+    return kal_root() + KAL_STATE_DIR;
+}
+std::string qlxconfig_path() {
+    return state_dir() + "/qlxconfig";
+}
+std::string debuglevel_path() {
+    return state_dir() + "/debuglevel";
 }
 
 std::string log_parent_dir() {

@@ -1,6 +1,7 @@
 #include "kalctl/cli.h"
 
 #include <strings.h>
+#include <algorithm>
 #include <cctype>
 #include <cerrno>
 #include <climits>
@@ -211,11 +212,12 @@ std::optional<std::string> Invocation::value(const std::string& option) const {
 
 namespace {
 
-struct GlobalOptionSpec {
+// The global options that take a value, and where it goes.
+struct GlobalOptionField {
     const char* name;
     std::string GlobalOptions::*field;
 };
-const GlobalOptionSpec kGlobalOptions[] = {
+const GlobalOptionField kGlobalOptionFields[] = {
     {"--app", &GlobalOptions::application},
     {"--vendor", &GlobalOptions::vendor},
     {"--protocol", &GlobalOptions::protocolVersion},
@@ -277,8 +279,8 @@ Invocation parse_command_line(const std::vector<std::string>& argv) {
             inv.version = true;
             continue;
         }
-        const GlobalOptionSpec* desc = nullptr;
-        for (const auto& g : kGlobalOptions)
+        const GlobalOptionField* desc = nullptr;
+        for (const auto& g : kGlobalOptionFields)
             if (name == g.name)
                 desc = &g;
         if (!desc)
@@ -369,22 +371,40 @@ std::string global_help() {
             left += ' ';
         out += left + wrap(desc.summary, 16) + "\n";
     }
-    out +=
-        "\n"
-        "Global options:\n"
-        "  --app NAME      the application name we register as (default kalctl)\n"
-        "  --vendor NAME   the vendor we register as (default com.orvane)\n"
-        "  --protocol V    the protocol version we register with\n"
-        "  --bus ADDRESS   a D-Bus address instead of the system bus\n"
-        "  --help          this text; 'kalctl <command> --help' tells more\n"
-        "  --version       kalctl's version\n"
-        "\n"
-        "DBUS_SYSTEM_BUS_ADDRESS, when set, names the system bus. Only root and members\n"
-        "of the group kal may talk to the daemon.\n"
-        "\n"
-        "Exit status: 0 done, 1 the daemon refused or the request failed, 2 a mistake on\n"
-        "the command line, 3 the daemon could not be reached.\n";
+    out += "\nGlobal options:\n";
+    for (const auto& o : global_options()) {
+        std::string left = std::string("  ") + o.name + (o.arg ? std::string(" ") + o.arg : "");
+        left.resize(std::max<size_t>(left.size() + 1, 18), ' ');
+        out += left + wrap(o.help, 18) + "\n";
+    }
+    out += std::string("\n") + global_help_epilogue();
     return out;
+}
+
+const std::vector<OptionSpec>& global_options() {
+    static const std::vector<OptionSpec> table = {
+        {"--app", "NAME", "the application name we register as (default kalctl)"},
+        {"--vendor", "NAME", "the vendor we register as (default com.orvane)"},
+        {"--protocol", "V", "the protocol version we register with"},
+        {"--bus", "ADDRESS", "a D-Bus address instead of the system bus"},
+        {"--help", nullptr, "this text; 'kalctl <command> --help' tells more"},
+        {"--version", nullptr, "kalctl's version"},
+    };
+    return table;
+}
+
+const char* global_help_epilogue() {
+    return "DBUS_SYSTEM_BUS_ADDRESS, when set, names the system bus. Only root and members\n"
+           "of the group kal may talk to the daemon.\n"
+           "\n"
+           "Exit status: 0 done, 1 the daemon refused or the request failed, 2 a mistake on\n"
+           "the command line, 3 the daemon could not be reached.\n";
+}
+
+std::string summary_sentence(const CommandSpec& desc) {
+    std::string summary = desc.summary;
+    summary[0] = static_cast<char>(std::toupper(static_cast<unsigned char>(summary[0])));
+    return summary + ".";
 }
 
 std::string command_help(const CommandSpec& desc) {
@@ -394,9 +414,7 @@ std::string command_help(const CommandSpec& desc) {
     if (!desc.options.empty())
         out += " [options]";
     out += "\n\n";
-    std::string summary = desc.summary;
-    summary[0] = static_cast<char>(std::toupper(static_cast<unsigned char>(summary[0])));
-    out += summary + ".\n";
+    out += summary_sentence(desc) + "\n";
     if (*desc.details)
         out += std::string(desc.details) + "\n";
     if (!desc.options.empty()) {

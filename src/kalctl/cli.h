@@ -54,7 +54,11 @@ struct CommandSpec {
 const std::vector<CommandSpec>& commands();
 const CommandSpec* find_command(const std::string& name);
 
-// Options that come before the command.
+// Options that come before the command, --help and --version included, in
+// the order help lists them.
+const std::vector<OptionSpec>& global_options();
+
+// The values of the options that come before the command.
 struct GlobalOptions {
     std::string application = "kalctl";
     std::string vendor = "com.orvane";
@@ -83,6 +87,11 @@ Invocation parse_command_line(const std::vector<std::string>& argv);
 
 std::string global_help();
 std::string command_help(const CommandSpec& desc);
+// The text after the command list of global_help(): environment, access,
+// exit status. The man page shows the same paragraphs.
+const char* global_help_epilogue();
+// A command's summary as the first sentence of its help: "Dial digits on a line."
+std::string summary_sentence(const CommandSpec& desc);
 
 // Value parsing with the option's name in the message. Throw UsageError.
 int32_t parse_int(const std::string& command, const std::string& what, const std::string& text,

@@ -27,9 +27,8 @@ class DaemonTest : public ::testing::Test {
     // to its environment, and waits until its log shows `ready`.
     void start_daemon(const std::string& ready = "Adding logtrasher thread",
                       std::vector<std::string> env = {}) {
-        daemon_ =
-            std::make_unique<ChildProcess>(std::vector<std::string>{bin_path("kaldevicemaster")},
-                                           std::move(env), root_.path() + "/stderr.txt");
+        daemon_ = std::make_unique<ChildProcess>(std::vector<std::string>{daemon_program_},
+                                                 std::move(env), root_.path() + "/stderr.txt");
         ASSERT_TRUE(wait_for([&] { return logged(ready); })) << log();
     }
     // Stops it with SIGTERM; it must say goodbye with status 0.
@@ -52,6 +51,7 @@ class DaemonTest : public ::testing::Test {
         return n;
     }
 
+    std::string daemon_program_ = bin_path("kaldevicemaster");
     TempRoot root_;
     PrivateBus bus_;  // the daemon serves its clients on it
     FakeAdapters ports_;

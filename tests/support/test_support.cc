@@ -28,6 +28,7 @@ TempRoot::TempRoot() {
     setenv("KAL_ROOT", path_.c_str(), 1);
     make_dirs(path_ + "/var/tmp");
     make_dirs(kal::resources_dir());
+    make_dirs(kal::state_dir());
 }
 
 TempRoot::~TempRoot() {

@@ -14,8 +14,8 @@ namespace kal::test {
 
 using namespace std::chrono_literals;
 
-// A private root tree with var/tmp and the resources directory, exported as
-// KAL_ROOT for as long as the object lives; removed afterwards.
+// A private root tree with var/tmp, the resources and the state directory,
+// exported as KAL_ROOT for as long as the object lives; removed afterwards.
 class TempRoot {
   public:
     TempRoot();
