@@ -287,8 +287,8 @@ void Modem::run_line(const std::string& raw, Clock::time_point now) {
             arg = rest.substr(0, end);
             rest.erase(0, end);
         }
-        ok = run_basic(letter[0] == '&' ? '&' : letter[0],
-                       letter.size() > 1 ? letter.substr(1) + arg : arg, rest, now);
+        // "&F" is the basic command '&' with the argument "F".
+        ok = run_basic(c, letter.substr(1) + arg, now);
     }
     if (!ok) {
         if (state_ == State::Busy)
@@ -301,7 +301,7 @@ void Modem::run_line(const std::string& raw, Clock::time_point now) {
     // Transmit and Receive answered CONNECT; Busy answers when its time is up.
 }
 
-bool Modem::run_basic(char letter, const std::string& arg, std::string&, Clock::time_point now) {
+bool Modem::run_basic(char letter, const std::string& arg, Clock::time_point now) {
     switch (letter) {
         case 'E':
             echo_ = arg != "0";

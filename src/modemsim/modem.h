@@ -151,8 +151,10 @@ class Modem {
     void info(const std::string& text);
     void command_byte(char c, Clock::time_point now);
     void run_line(const std::string& line, Clock::time_point now);
-    // false: ERROR. `deferred` is set when the final result comes later.
-    bool run_basic(char letter, const std::string& arg, std::string& rest, Clock::time_point now);
+    // false: ERROR. Either may set the line's final result (busy_result_),
+    // or change the state: Busy answers later, Transmit/Receive answered
+    // CONNECT.
+    bool run_basic(char letter, const std::string& arg, Clock::time_point now);
     bool run_extended(const std::string& cmd, Clock::time_point now);
     void reset();
     void go_off_hook();
@@ -190,7 +192,8 @@ class Modem {
     std::optional<CallerId> caller_id_;
     std::string dialled_;
 
-    // Busy: a final result due at busy_until_.
+    // The final result of the command line being run; in Busy, due at
+    // busy_until_.
     Clock::time_point busy_until_;
     std::string busy_result_;
     std::string pending_input_;  // what the host sent meanwhile (also after <DLE><ETX>)
