@@ -30,6 +30,9 @@ std::string linemonitor_path() {
 std::string zrx_linemonitor_path() {
     return resources_dir() + "/" + kZRXLineMonitorName;
 }
+std::string v253_linemonitor_path() {
+    return resources_dir() + "/" + kV253LineMonitorName;
+}
 std::string tone450_path() {
     return resources_dir() + "/tone450.raw";
 }

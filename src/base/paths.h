@@ -24,9 +24,11 @@ namespace kal {
 // Reverse-domain vendor identifier, fixed at build time.
 inline constexpr const char kVendorId[] = "com.orvane";
 
-// Program names of the two line-monitor kinds (argv[0] of the children).
+// Program names of the line-monitor kinds (argv[0] of the children): the two
+// adapter models, and voice modems.
 inline constexpr const char kLineMonitorName[] = "KALLineMonitor";
 inline constexpr const char kZRXLineMonitorName[] = "ZRXLineMonitor";
+inline constexpr const char kV253LineMonitorName[] = "V253LineMonitor";
 
 // The D-Bus name the client service owns.
 std::string bus_name();
@@ -36,8 +38,9 @@ std::string kal_root();
 
 // Resources, read only: line-monitor programs and sounds.
 std::string resources_dir();         // "/usr/lib/kaldevicemaster"
-std::string linemonitor_path();      // type-1 program
-std::string zrx_linemonitor_path();  // type-2 program
+std::string linemonitor_path();       // type-1 program
+std::string zrx_linemonitor_path();   // type-2 program
+std::string v253_linemonitor_path();  // type-3 program (voice modems)
 std::string tone450_path();
 
 // State that clients and the daemon change.

@@ -10,33 +10,18 @@
 // (an empty serial is "_"). Header-only, so that the test support library
 // can find the sockets without linking the simulator.
 
-#include <cstdlib>
 #include <string>
 
-#include "base/paths.h"
+#include "simctl/socket_name.h"
 
 namespace kal::linesim {
 
 inline std::string control_dir() {
-    const char* dir = std::getenv("KAL_LINESIM_DIR");
-    if (dir && *dir)
-        return dir;
-    return kal::kal_root() + "/run/kal-linesim";
-}
-
-inline std::string control_socket_name(const std::string& serial) {
-    std::string name = serial.empty() ? "_" : serial;
-    for (char& c : name) {
-        bool keep = (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') ||
-                    c == '.' || c == '_' || c == '-';
-        if (!keep)
-            c = '_';
-    }
-    return name + ".sock";
+    return simctl::socket_dir("KAL_LINESIM_DIR", "kal-linesim");
 }
 
 inline std::string control_socket_path(const std::string& serial) {
-    return control_dir() + "/" + control_socket_name(serial);
+    return simctl::socket_path(control_dir(), serial);
 }
 
 }  // namespace kal::linesim

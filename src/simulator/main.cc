@@ -21,11 +21,13 @@
 #include <cstring>
 #include <string>
 
-#include "simulator/ctl.h"
+#include "simctl/ctl.h"
+#include "simctl/trace.h"
+#include "simulator/control_path.h"
 #include "simulator/server.h"
-#include "simulator/trace.h"
 
 using namespace kal::linesim;
+using kal::simctl::fail;
 
 namespace {
 
@@ -59,10 +61,8 @@ double speed_from_env() {
 }  // namespace
 
 int main(int argc, char** argv) {
-    if (argc >= 2 && strcmp(argv[1], "ctl") == 0)
-        return run_ctl(argc - 1, argv + 1);
-    if (argc >= 2 && strcmp(argv[1], "list") == 0)
-        return run_list();
+    if (auto status = kal::simctl::run_client({"kal-linesim", control_dir()}, argc, argv))
+        return *status;
     if (argc >= 2 && (strcmp(argv[1], "--help") == 0 || strcmp(argv[1], "-h") == 0)) {
         fputs(kUsage, stdout);
         return 0;
@@ -86,7 +86,7 @@ int main(int argc, char** argv) {
         return 2;
     }
     const char* verbose = std::getenv("KAL_LINESIM_VERBOSE");
-    set_trace_verbose(verbose && *verbose && strcmp(verbose, "0") != 0);
-    set_trace_name(id.serial.c_str());
+    kal::simctl::set_trace_verbose(verbose && *verbose && strcmp(verbose, "0") != 0);
+    kal::simctl::set_trace_name("kal-linesim[" + id.serial + "]");
     return serve_line(id, speed_from_env());
 }
