@@ -13,9 +13,9 @@ void TtyOutput::drop_audio() {
     audio_.resize(pair_open_ && !audio_.empty() ? 1 : 0);
 }
 
-bool TtyOutput::write_some(int fd, std::string& buf, bool audio) {
+bool TtyOutput::write_some(const Writer& write, std::string& buf, bool audio) {
     while (!buf.empty()) {
-        ssize_t n = ::write(fd, buf.data(), buf.size());
+        ssize_t n = write(buf.data(), buf.size());
         if (n < 0 && errno == EINTR)
             continue;
         if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK))
@@ -32,11 +32,15 @@ bool TtyOutput::write_some(int fd, std::string& buf, bool audio) {
 }
 
 bool TtyOutput::flush(int fd) {
-    if (!write_some(fd, audio_, true))
+    return flush([fd](const char* p, size_t n) { return ::write(fd, p, n); });
+}
+
+bool TtyOutput::flush(const Writer& write) {
+    if (!write_some(write, audio_, true))
         return false;
     if (!audio_.empty())
         return true;  // the commands go after the audio
-    return write_some(fd, control_, false);
+    return write_some(write, control_, false);
 }
 
 }  // namespace v253

@@ -9,6 +9,9 @@
 // the second half. The writer therefore tracks whether the last byte it
 // wrote opened a pair, and keeps the byte that closes it.
 
+#include <sys/types.h>
+
+#include <functional>
 #include <string>
 #include <string_view>
 
@@ -25,10 +28,13 @@ class TtyOutput {
     // Writes what the port takes now, audio first. False when the port
     // failed (gone); true otherwise, also when it is merely full.
     bool flush(int fd);
+    // The same through `write`, which behaves as write(2) does.
+    using Writer = std::function<ssize_t(const char*, size_t)>;
+    bool flush(const Writer& write);
 
   private:
     // Writes from `buf`; returns false on a failure other than "full".
-    bool write_some(int fd, std::string& buf, bool audio);
+    bool write_some(const Writer& write, std::string& buf, bool audio);
 
     std::string audio_;
     std::string control_;
