@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "lineio/protocol.h"
+#include "simctl/text.h"
 #include "simulator/describe.h"
 
 namespace kal::linesim {
@@ -19,69 +20,20 @@ namespace {
 
 constexpr double kDefaultWaitSeconds = 10;
 
-std::string_view trim(std::string_view s) {
-    while (!s.empty() && std::isspace(static_cast<unsigned char>(s.front())))
-        s.remove_prefix(1);
-    while (!s.empty() && std::isspace(static_cast<unsigned char>(s.back())))
-        s.remove_suffix(1);
-    return s;
-}
-
-// First word of `s`; `s` keeps the rest, trimmed.
-std::string_view next_word(std::string_view& s) {
-    s = trim(s);
-    size_t end = 0;
-    while (end < s.size() && !std::isspace(static_cast<unsigned char>(s[end])))
-        ++end;
-    std::string_view word = s.substr(0, end);
-    s = trim(s.substr(end));
-    return word;
-}
-
-std::string lower(std::string_view s) {
-    std::string out(s);
-    for (char& c : out)
-        c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-    return out;
-}
-
-std::optional<long> parse_long(std::string_view s) {
-    long v = 0;
-    auto [p, ec] = std::from_chars(s.data(), s.data() + s.size(), v);
-    if (ec != std::errc() || p != s.data() + s.size() || s.empty())
-        return std::nullopt;
-    return v;
-}
-
-// A character written as itself, or as 0xNN / \xNN.
-std::optional<char> parse_char(std::string_view s) {
-    if (s.size() == 1)
-        return s[0];
-    if (s.size() == 4 && (s.substr(0, 2) == "0x" || s.substr(0, 2) == "\\x")) {
-        auto bytes = from_hex(s.substr(2));
-        if (bytes && bytes->size() == 1)
-            return (*bytes)[0];
-    }
-    return std::nullopt;
-}
-
-ControlReply text_reply(std::string text) {
-    ControlReply r;
-    r.text = std::move(text);
-    return r;
-}
-ControlReply ok(std::string text = "") {
-    return text_reply(text.empty() ? "ok" : "ok " + text);
-}
-ControlReply error(std::string text) {
-    return text_reply("error " + text);
-}
+using simctl::error;
+using simctl::lower;
+using simctl::next_word;
+using simctl::ok;
+using simctl::parse_char;
+using simctl::parse_long;
 
 ControlReply list(const char* noun, const std::vector<std::string>& lines) {
-    std::string text = "ok " + std::to_string(lines.size()) + " " + noun;
-    for (const auto& l : lines)
-        text += "\n" + l;
-    return text_reply(text);
+    return simctl::list(noun, lines);
+}
+
+std::string wait_timeout_reply(std::optional<char> c) {
+    return "error timed out waiting for " +
+           (c ? "command " + char_text(*c) : std::string("any command"));
 }
 
 struct Context {
@@ -125,9 +77,6 @@ const char* const kHelp[] = {
     "clear                      forget the command and message logs",
     "orders                     the orders record and where it was read",
     "status                     hook, seizure, ringing, audio, deadman",
-    "exit <code>                exit with that status",
-    "crash <signal>             die by that signal (segv, abrt, kill, 11...)",
-    "help                       this list",
 };
 
 using Handler = std::function<ControlReply(Context&)>;
@@ -270,14 +219,14 @@ const std::map<std::string, Handler, std::less<>>& handlers() {
                  if (*end || !(seconds >= 0) || !rest.empty())
                      return error("wait-command timeout must be seconds, e.g. 2.5");
              }
-             if (auto found = c.sim.take_command(ch))
-                 return text_reply(wait_found_reply(*found));
-             ControlReply r;
-             r.then = ControlReply::Then::Wait;
-             r.wait_char = ch;
-             r.wait_timeout = std::chrono::duration_cast<Clock::duration>(
-                 std::chrono::duration<double>(seconds));
-             return r;
+             LineSim* sim = &c.sim;
+             return simctl::wait_for(
+                 [sim, ch]() -> std::optional<std::string> {
+                     if (auto found = sim->take_command(ch))
+                         return "ok " + *found;
+                     return std::nullopt;
+                 },
+                 seconds, wait_timeout_reply(ch));
          }},
         {"clear",
          [](Context& c) {
@@ -288,28 +237,7 @@ const std::map<std::string, Handler, std::less<>>& handlers() {
         {"status", [](Context& c) { return ok(c.sim.status_text(c.now)); }},
         {"help",
          [](Context&) {
-             return list("lines", std::vector<std::string>(std::begin(kHelp), std::end(kHelp)));
-         }},
-        {"exit",
-         [](Context& c) {
-             auto code = parse_long(c.args);
-             if (!code || *code < 0 || *code > 255)
-                 return error("exit needs a status from 0 to 255");
-             ControlReply r = ok("exiting with status " + std::string(c.args));
-             r.then = ControlReply::Then::Exit;
-             r.value = static_cast<int>(*code);
-             return r;
-         }},
-        {"crash",
-         [](Context& c) {
-             auto sig = parse_signal(c.args);
-             if (!sig)
-                 return error("crash needs a signal that ends a process, e.g. segv, abrt, kill");
-             ControlReply r = ok("crashing with signal " + std::to_string(*sig) + " (" +
-                                 (sigabbrev_np(*sig) ? sigabbrev_np(*sig) : "?") + ")");
-             r.then = ControlReply::Then::Crash;
-             r.value = *sig;
-             return r;
+             return simctl::help(std::vector<std::string>(std::begin(kHelp), std::end(kHelp)));
          }},
     };
     return table;
@@ -322,61 +250,13 @@ ControlReply run_control(LineSim& sim, std::string_view line, Clock::time_point 
     std::string name = lower(next_word(rest));
     if (name.empty())
         return error("empty command (try help)");
+    if (auto r = simctl::process_command(name, rest))
+        return *r;
     auto it = handlers().find(name);
     if (it == handlers().end())
         return error("unknown command '" + name + "' (try help)");
     Context c{sim, rest, now};
     return it->second(c);
-}
-
-std::string wait_found_reply(const std::string& command_text) {
-    return "ok " + command_text;
-}
-
-std::string wait_timeout_reply(std::optional<char> c) {
-    return "error timed out waiting for " +
-           (c ? "command " + char_text(*c) : std::string("any command"));
-}
-
-int reply_line_count(std::string_view first_line) {
-    std::string_view rest = first_line;
-    if (next_word(rest) != "ok")
-        return 0;
-    auto n = parse_long(next_word(rest));
-    std::string_view noun = next_word(rest);
-    bool listing = noun == "commands" || noun == "messages" || noun == "lines";
-    return n && *n > 0 && listing && rest.empty() ? static_cast<int>(*n) : 0;
-}
-
-std::optional<int> parse_signal(std::string_view text) {
-    std::string s = lower(trim(text));
-    std::optional<int> sig;
-    if (auto n = parse_long(s)) {
-        sig = static_cast<int>(*n);
-    } else {
-        if (s.rfind("sig", 0) == 0)
-            s = s.substr(3);
-        for (int i = 1; i < NSIG && !sig; ++i)
-            if (const char* abbrev = sigabbrev_np(i); abbrev && lower(abbrev) == s)
-                sig = i;
-    }
-    if (!sig || *sig <= 0 || *sig >= NSIG)
-        return std::nullopt;
-    // Signals whose default action does not end the process.
-    switch (*sig) {
-        case SIGCHLD:
-        case SIGCONT:
-        case SIGURG:
-        case SIGWINCH:
-        case SIGSTOP:
-        case SIGTSTP:
-        case SIGTTIN:
-        case SIGTTOU:
-            return std::nullopt;
-    }
-    if (*sig > SIGSYS && *sig < SIGRTMIN)  // reserved by the C library
-        return std::nullopt;
-    return sig;
 }
 
 }  // namespace kal::linesim

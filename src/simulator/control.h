@@ -1,11 +1,7 @@
 #pragma once
 
-// The control vocabulary: one text command per line in, one reply out.
-//
-// A reply's first line is "ok ..." or "error ...". Listing commands
-// (commands, sent, help) answer exactly "ok <n> commands|messages|lines"
-// and then n lines; no other reply has that form, so a reader knows from
-// the first line how many follow (reply_line_count()).
+// The control vocabulary: one text command per line in, one reply out
+// (simctl/control.h: replies, listings, waits, exit and crash).
 //
 // Driving the line (each reply names what was sent, e.g. "ok sent R"):
 //   ring                     `R`; an idle line starts ringing
@@ -37,34 +33,15 @@
 //                            process by default), without a core file
 // Events that end running audio say so: "ok sent b; stopped audio token=12".
 
-#include <chrono>
-#include <optional>
-#include <string>
 #include <string_view>
 
+#include "simctl/control.h"
 #include "simulator/line_sim.h"
 
 namespace kal::linesim {
 
-struct ControlReply {
-    enum class Then { Reply, Wait, Exit, Crash };
-    std::string text;  // the whole reply, lines joined by '\n', no final newline
-    Then then = Then::Reply;
-    int value = 0;                  // Exit: the status; Crash: the signal
-    std::optional<char> wait_char;  // Wait: the command character, or any
-    Clock::duration wait_timeout{};
-};
+using simctl::ControlReply;
 
-ControlReply run_control(LineSim& sim, std::string_view line, Clock::time_point now);
-
-// Replies for a wait-command that found its command, or ran out of time.
-std::string wait_found_reply(const std::string& command_text);
-std::string wait_timeout_reply(std::optional<char> c);
-
-// How many lines follow a reply's first line.
-int reply_line_count(std::string_view first_line);
-
-// Signal number from "11", "segv", "SIGSEGV"; nothing when unknown.
-std::optional<int> parse_signal(std::string_view text);
+simctl::ControlReply run_control(LineSim& sim, std::string_view line, Clock::time_point now);
 
 }  // namespace kal::linesim

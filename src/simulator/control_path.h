@@ -14,6 +14,7 @@
 #include <string>
 
 #include "base/paths.h"
+#include "simctl/socket_name.h"
 
 namespace kal::linesim {
 
@@ -24,19 +25,8 @@ inline std::string control_dir() {
     return kal::kal_root() + "/run/kal-linesim";
 }
 
-inline std::string control_socket_name(const std::string& serial) {
-    std::string name = serial.empty() ? "_" : serial;
-    for (char& c : name) {
-        bool keep = (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') ||
-                    c == '.' || c == '_' || c == '-';
-        if (!keep)
-            c = '_';
-    }
-    return name + ".sock";
-}
-
 inline std::string control_socket_path(const std::string& serial) {
-    return control_dir() + "/" + control_socket_name(serial);
+    return control_dir() + "/" + simctl::socket_file_name(serial);
 }
 
 }  // namespace kal::linesim

@@ -71,15 +71,6 @@ std::string quote(std::string_view value) {
     return out + "\"";
 }
 
-std::string char_text(char c) {
-    auto u = static_cast<unsigned char>(c);
-    if (u > ' ' && u < 0x7f)
-        return std::string(1, c);
-    char buf[8];
-    snprintf(buf, sizeof buf, "\\x%02x", u);
-    return buf;
-}
-
 std::string describe_command(const char* data, size_t len) {
     if (len == 0)
         return "(empty)";
@@ -135,57 +126,6 @@ std::string describe_event(std::string_view payload) {
     if (!rest.empty() && rest.back() == '\0' && rest.find('\0') == rest.size() - 1)
         return head + " text=" + quote(rest.substr(0, rest.size() - 1));
     return head + " payload=" + quote(rest);
-}
-
-std::string to_hex(std::string_view bytes) {
-    static const char digits[] = "0123456789abcdef";
-    std::string out;
-    out.reserve(bytes.size() * 2);
-    for (char c : bytes) {
-        auto u = static_cast<unsigned char>(c);
-        out += digits[u >> 4];
-        out += digits[u & 15];
-    }
-    return out;
-}
-
-std::optional<std::string> from_hex(std::string_view text) {
-    auto nibble = [](char c) -> int {
-        if (c >= '0' && c <= '9')
-            return c - '0';
-        if (c >= 'a' && c <= 'f')
-            return c - 'a' + 10;
-        if (c >= 'A' && c <= 'F')
-            return c - 'A' + 10;
-        return -1;
-    };
-    std::string out;
-    int high = -1;
-    for (size_t i = 0; i < text.size(); ++i) {
-        char c = text[i];
-        if (c == ' ' || c == '\t' || c == ':') {
-            if (high >= 0)
-                return std::nullopt;
-            continue;
-        }
-        if (high < 0 && c == '0' && i + 1 < text.size() &&
-            (text[i + 1] == 'x' || text[i + 1] == 'X')) {
-            ++i;
-            continue;
-        }
-        int n = nibble(c);
-        if (n < 0)
-            return std::nullopt;
-        if (high < 0) {
-            high = n;
-        } else {
-            out += static_cast<char>(high << 4 | n);
-            high = -1;
-        }
-    }
-    if (high >= 0)
-        return std::nullopt;
-    return out;
 }
 
 const char* audio_status_name(int status) {

@@ -12,6 +12,8 @@
 #include <string>
 #include <string_view>
 
+#include "simctl/text.h"
+
 namespace kal::linesim {
 
 std::string quote(std::string_view value);
@@ -27,13 +29,10 @@ std::string describe_command(const char* data, size_t len);
 // "^ token=12 status=3 stop= extra=16000".
 std::string describe_event(std::string_view payload);
 
-// Printable form of one character: "p", or "\x01".
-std::string char_text(char c);
-
-std::string to_hex(std::string_view bytes);
-// Pairs of hex digits; spaces, ':' and a leading "0x" per group are ignored.
-// Nothing on odd length or any other character.
-std::optional<std::string> from_hex(std::string_view text);
+// char_text, to_hex and from_hex come from the shared control helpers.
+using simctl::char_text;
+using simctl::from_hex;
+using simctl::to_hex;
 
 // "complete", "invalid-file", ... for an audio-response status.
 const char* audio_status_name(int status);

@@ -9,10 +9,13 @@
 #include <cmath>
 #include <cstring>
 
+#include "simctl/trace.h"
 #include "simulator/describe.h"
-#include "simulator/trace.h"
 
 namespace kal::linesim {
+
+using simctl::fail;
+using simctl::trace;
 
 namespace {
 

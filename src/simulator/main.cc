@@ -21,11 +21,13 @@
 #include <cstring>
 #include <string>
 
-#include "simulator/ctl.h"
+#include "simctl/ctl.h"
+#include "simctl/trace.h"
+#include "simulator/control_path.h"
 #include "simulator/server.h"
-#include "simulator/trace.h"
 
 using namespace kal::linesim;
+using kal::simctl::fail;
 
 namespace {
 
@@ -56,13 +58,18 @@ double speed_from_env() {
     return v;
 }
 
+std::string socket_for(const std::string& serial) {
+    return control_socket_path(serial);
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
+    const kal::simctl::CtlProgram program{"kal-linesim", control_dir(), socket_for};
     if (argc >= 2 && strcmp(argv[1], "ctl") == 0)
-        return run_ctl(argc - 1, argv + 1);
+        return kal::simctl::run_ctl(program, argc - 1, argv + 1);
     if (argc >= 2 && strcmp(argv[1], "list") == 0)
-        return run_list();
+        return kal::simctl::run_list(program);
     if (argc >= 2 && (strcmp(argv[1], "--help") == 0 || strcmp(argv[1], "-h") == 0)) {
         fputs(kUsage, stdout);
         return 0;
@@ -86,7 +93,7 @@ int main(int argc, char** argv) {
         return 2;
     }
     const char* verbose = std::getenv("KAL_LINESIM_VERBOSE");
-    set_trace_verbose(verbose && *verbose && strcmp(verbose, "0") != 0);
-    set_trace_name(id.serial.c_str());
+    kal::simctl::set_trace_verbose(verbose && *verbose && strcmp(verbose, "0") != 0);
+    kal::simctl::set_trace_name("kal-linesim[" + id.serial + "]");
     return serve_line(id, speed_from_env());
 }

@@ -1,4 +1,4 @@
-#include "simulator/ctl.h"
+#include "simctl/ctl.h"
 
 #include <poll.h>
 #include <sys/socket.h>
@@ -18,10 +18,9 @@
 #include <vector>
 
 #include "base/unique_fd.h"
-#include "simulator/control.h"
-#include "simulator/control_path.h"
+#include "simctl/control.h"
 
-namespace kal::linesim {
+namespace kal::simctl {
 
 namespace {
 
@@ -98,36 +97,36 @@ class Connection {
     std::string buf_;
 };
 
-int ctl_usage() {
-    fputs(
-        "usage: kal-linesim ctl [-w SECONDS] <serial | socket path> [command...]\n"
-        "       (kal-linesim ctl <serial> help lists the commands)\n",
-        stderr);
+int ctl_usage(const CtlProgram& program) {
+    fprintf(stderr,
+            "usage: %s ctl [-w SECONDS] <serial | socket path> [command...]\n"
+            "       (%s ctl <serial> help lists the commands)\n",
+            program.name.c_str(), program.name.c_str());
     return 2;
 }
 
 }  // namespace
 
-int run_ctl(int argc, char** argv) {
+int run_ctl(const CtlProgram& program, int argc, char** argv) {
     int i = 1;
     double wait_seconds = 0;
     if (i + 1 < argc && strcmp(argv[i], "-w") == 0) {
         char* end = nullptr;
         wait_seconds = strtod(argv[i + 1], &end);
         if (*end || !(wait_seconds >= 0))
-            return ctl_usage();
+            return ctl_usage(program);
         i += 2;
     }
     if (i >= argc)
-        return ctl_usage();
+        return ctl_usage(program);
     std::string target = argv[i++];
     const bool is_path = target.rfind("/", 0) == 0 || target.rfind("./", 0) == 0;
-    const std::string path = is_path ? target : control_socket_path(target);
+    const std::string path = is_path ? target : program.socket_for(target);
 
     std::string error;
     kal::unique_fd fd = connect_to(path, wait_seconds, error);
     if (!fd) {
-        fprintf(stderr, "kal-linesim ctl: no simulator at %s\n", error.c_str());
+        fprintf(stderr, "%s ctl: no simulator at %s\n", program.name.c_str(), error.c_str());
         return 2;
     }
     Connection conn(std::move(fd));
@@ -138,7 +137,7 @@ int run_ctl(int argc, char** argv) {
             command += (command.empty() ? "" : " ") + std::string(argv[i]);
         auto reply = conn.request(command);
         if (!reply) {
-            fprintf(stderr, "kal-linesim ctl: the simulator closed the connection\n");
+            fprintf(stderr, "%s ctl: the simulator closed the connection\n", program.name.c_str());
             return 2;
         }
         for (const auto& l : *reply)
@@ -150,7 +149,7 @@ int run_ctl(int argc, char** argv) {
     std::string line;
     for (;;) {
         if (tty) {
-            printf("linesim %s> ", target.c_str());
+            printf("%s %s> ", program.name.c_str(), target.c_str());
             fflush(stdout);
         }
         if (!std::getline(std::cin, line))
@@ -159,7 +158,7 @@ int run_ctl(int argc, char** argv) {
             continue;
         auto reply = conn.request(line);
         if (!reply) {
-            fprintf(stderr, "kal-linesim ctl: the simulator closed the connection\n");
+            fprintf(stderr, "%s ctl: the simulator closed the connection\n", program.name.c_str());
             return 2;
         }
         for (const auto& l : *reply)
@@ -171,8 +170,8 @@ int run_ctl(int argc, char** argv) {
     return 0;
 }
 
-int run_list() {
-    const std::string dir = control_dir();
+int run_list(const CtlProgram& program) {
+    const std::string& dir = program.socket_dir;
     std::vector<std::string> names;
     std::error_code ec;
     for (const auto& e : std::filesystem::directory_iterator(dir, ec)) {
@@ -192,4 +191,4 @@ int run_list() {
     return 0;
 }
 
-}  // namespace kal::linesim
+}  // namespace kal::simctl

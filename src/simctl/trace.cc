@@ -1,14 +1,14 @@
-#include "simulator/trace.h"
+#include "simctl/trace.h"
 
 #include <cstdarg>
 #include <cstdio>
 #include <string>
 
-namespace kal::linesim {
+namespace kal::simctl {
 
 namespace {
 
-std::string name = "kal-linesim";
+std::string name = "simulator";
 bool verbose = false;
 
 void vprint(const char* format, va_list ap) {
@@ -19,8 +19,8 @@ void vprint(const char* format, va_list ap) {
 
 }  // namespace
 
-void set_trace_name(const char* serial) {
-    name = std::string("kal-linesim[") + serial + "]";
+void set_trace_name(const std::string& n) {
+    name = n;
 }
 
 void set_trace_verbose(bool on) {
@@ -47,4 +47,4 @@ void fail(const char* format, ...) {
     va_end(ap);
 }
 
-}  // namespace kal::linesim
+}  // namespace kal::simctl
