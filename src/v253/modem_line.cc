@@ -31,6 +31,8 @@ constexpr auto kCommandTimeout = seconds(5);
 constexpr auto kResetTimeout = seconds(10);
 constexpr auto kDialTimeout = seconds(60);
 constexpr auto kAudioEndTimeout = seconds(20);
+// A recording ends at its length in audio; by the clock only this much later.
+constexpr auto kRecordSlack = seconds(5);
 // The beep: 450 Hz for half a second, in the modem's hundredths.
 constexpr const char kBeepCommand[] = "AT+VTS=[450,0,50]";
 
@@ -232,7 +234,10 @@ void ModemLine::init_done() {
     at_.queue("AT", {AtResult::Ok}, kCommandTimeout, [this](const AtOutcome& o) {
         if (!o.ok())
             return fail(kExitModemSilent, "the modem stopped answering after its set-up");
-        set_state(State::Idle, "the modem is in voice mode");
+        // Audio asked for meanwhile has started already: its commands queued
+        // behind the set-up.
+        if (state_ == State::Initialising)
+            set_state(State::Idle, "the modem is in voice mode");
     });
 }
 
@@ -254,6 +259,13 @@ void ModemLine::on_record_data(std::string_view bytes) {
     }
     if (!audio_ || !audio_->file || bytes.empty())
         return;
+    // The length is audio time: what the modem sent, not how long it took.
+    bool full = false;
+    if (audio_->limit_bytes > 0 &&
+        audio_->bytes + static_cast<long long>(bytes.size()) >= audio_->limit_bytes) {
+        bytes = bytes.substr(0, static_cast<size_t>(audio_->limit_bytes - audio_->bytes));
+        full = true;
+    }
     while (!bytes.empty()) {
         ssize_t n = ::write(audio_->file.get(), bytes.data(), bytes.size());
         if (n < 0 && errno == EINTR)
@@ -266,6 +278,11 @@ void ModemLine::on_record_data(std::string_view bytes) {
         }
         audio_->bytes += n;
         bytes.remove_prefix(static_cast<size_t>(n));
+    }
+    if (full) {
+        audio_->file.reset();  // what still comes before the modem stops is past the length
+        if (state_ == State::Recording)
+            stop_audio(lm::kAudioComplete, 0, now_);
     }
 }
 
@@ -391,10 +408,8 @@ void ModemLine::handle_command(const char* data, size_t len, Clock::time_point n
 }
 
 void ModemLine::start_audio(bool record, const lm::lm_audio_request& req, Clock::time_point now) {
-    if (audio_ || state_ != State::Idle) {
-        // During start-up the modem is not ready for audio yet.
-        return reply(req.token, audio_ ? lm::kAudioBusy : lm::kAudioOnHook);
-    }
+    if (audio_)
+        return reply(req.token, lm::kAudioBusy);
     Audio a;
     a.record = record;
     a.req = req;
@@ -463,8 +478,12 @@ void ModemLine::audio_connected(const AtOutcome& o, Clock::time_point now) {
     if (audio_->record) {
         receiving_ = true;
         skip_lf_ = true;
-        if (audio_->req.length > 0)
-            audio_->limit = now + seconds(audio_->req.length);
+        if (audio_->req.length > 0) {
+            audio_->limit_bytes =
+                static_cast<long long>(audio_->req.length) * lm::kAudioBytesPerSecond;
+            // In case the modem sends less than it should.
+            audio_->limit = now + seconds(audio_->req.length) + kRecordSlack;
+        }
         set_state(State::Recording, "the modem records");
     } else {
         set_state(State::Playing, "the modem plays");
@@ -596,11 +615,6 @@ void ModemLine::dial(const std::string& digits, Clock::time_point) {
 }
 
 void ModemLine::call(const lm::lm_call_request& req, Clock::time_point now) {
-    if (state_ == State::Initialising) {
-        vlog(kLogWarn, "%s: call to %s asked for before the modem is ready", name_.c_str(),
-             req.number.c_str());
-        return;
-    }
     dial(req.number, now);
     // Answered once the dial above has been answered: the call is placed.
     std::string token = req.token;

@@ -121,7 +121,8 @@ class ModemLine {
         long long bytes = 0;
         bool file_done = false;
         std::optional<lm::lm_audio_response> stop;  // the requested end
-        std::optional<Clock::time_point> limit;     // record: its maximum length
+        long long limit_bytes = 0;                  // record: its maximum length in audio
+        std::optional<Clock::time_point> limit;     // record: the same by the clock
         Clock::time_point pause_end;
     };
     class Decoded;

@@ -231,11 +231,21 @@ TEST_F(ModemLineTest, RecordingEndsAtItsLengthOrOnSilenceAndCanAppend) {
     answer("ATDT5551234", "\r\nVCON\r\n");
     command(audio_command('R', path, "s", 2, 0x40));
     answer("AT+VRX", "\r\nCONNECT\r\n\x80"s);
-    advance(2s);
+    modem(std::string(15999, '\x81') + "\x82\x83");  // two seconds of audio, and more
+    EXPECT_EQ(sent(), "\x10!"s);
+    modem("\x84\x10\x03\r\nOK\r\n"s);
+    EXPECT_EQ(reply_of(events().at(0)).status, lm::kAudioComplete);
+    EXPECT_EQ(read_file(path), "old\x80" + std::string(15999, '\x81'));
+
+    // A modem that sends too little is stopped by the clock.
+    command(audio_command('R', path, "s", 1));
+    answer("AT+VRX", "\r\nCONNECT\r\n\x80"s);
+    advance(5999ms);
+    EXPECT_EQ(sent(), "");
+    advance(1ms);
     EXPECT_EQ(sent(), "\x10!"s);
     modem("\x10\x03\r\nOK\r\n"s);
     EXPECT_EQ(reply_of(events().at(0)).status, lm::kAudioComplete);
-    EXPECT_EQ(read_file(path), "old\x80"s);
 
     command(audio_command('R', path, "s", 0));
     answer("AT+VRX", "\r\nCONNECT\r\n\x81"s);
