@@ -26,6 +26,9 @@ std::string linemonitor_path() {
 std::string zrx_linemonitor_path() {
     return resources_dir() + "/" + kZRXLineMonitorName;
 }
+std::string v253_linemonitor_path() {
+    return resources_dir() + "/" + kV253LineMonitorName;
+}
 std::string qlxconfig_path() {
     return resources_dir() + "/qlxconfig";
 }

@@ -11,9 +11,11 @@ namespace kal {
 // Reverse-domain vendor identifier, fixed at build time.
 inline constexpr const char kVendorId[] = "com.orvane";
 
-// Program names of the two line-monitor kinds (argv[0] of the children).
+// Program names of the line-monitor kinds (argv[0] of the children): the two
+// adapter models, and voice modems.
 inline constexpr const char kLineMonitorName[] = "KALLineMonitor";
 inline constexpr const char kZRXLineMonitorName[] = "ZRXLineMonitor";
+inline constexpr const char kV253LineMonitorName[] = "V253LineMonitor";
 
 // The D-Bus name the client service owns.
 std::string bus_name();
@@ -23,8 +25,9 @@ std::string kal_root();
 
 // Resources: line-monitor programs, configuration and sounds.
 std::string resources_dir();
-std::string linemonitor_path();      // type-1 program
-std::string zrx_linemonitor_path();  // type-2 program
+std::string linemonitor_path();       // type-1 program
+std::string zrx_linemonitor_path();   // type-2 program
+std::string v253_linemonitor_path();  // type-3 program (voice modems)
 std::string qlxconfig_path();
 std::string debuglevel_path();
 std::string tone450_path();

@@ -1,5 +1,6 @@
 #include "core/discovery.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <new>
@@ -41,6 +42,31 @@ std::string describe_port(udev_device* tty, udev_device* usb) {
         text += "none";
     }
     return text + "}";
+}
+
+bool tagged_voice_modem(udev_device* tty) {
+    const char* tag = udev_device_get_property_value(tty, kVoiceModemProperty);
+    return tag && std::strcmp(tag, kVoiceModemTagged) == 0;
+}
+
+// What can name a voice modem, read while its udev device is at hand.
+struct VoiceModemNames {
+    size_t record;           // index in the table
+    std::string usb_serial;  // empty when missing
+    std::string fallback;    // ID_PATH, else the tty's sysname
+};
+
+// The USB serial when no other voice modem present reports the same one.
+void name_voice_modems(const std::vector<VoiceModemNames>& modems, std::vector<qlx>& found) {
+    for (const auto& m : modems) {
+        const auto same = std::count_if(modems.begin(), modems.end(), [&](const auto& other) {
+            return other.usb_serial == m.usb_serial;
+        });
+        qlx& record = found[m.record];
+        record.serial = !m.usb_serial.empty() && same == 1 ? m.usb_serial : m.fallback;
+        kallog(KAL_DEBUG, "Assigning #%d to voice modem with serial number %s (USB serial \"%s\")",
+               static_cast<int>(m.record), record.serial.c_str(), m.usb_serial.c_str());
+    }
 }
 
 }  // namespace
@@ -104,6 +130,7 @@ bool FindModems(std::vector<qlx>* table, int* count, bool setupNotifications,
         kallog(KAL_ERR, "Malloc of %d qlx buffers failed", services);
         return false;
     }
+    std::vector<VoiceModemNames> voice_modems;
     // The udev context stays until the end: the devices below are read
     // through it.
     kallog(KAL_DEBUG, "Deallocating IOMasterPort");
@@ -119,6 +146,19 @@ bool FindModems(std::vector<qlx>* table, int* count, bool setupNotifications,
         udev_device* usb =
             udev_device_get_parent_with_subsystem_devtype(tty.get(), "usb", "usb_device");
         const std::string props = describe_port(tty.get(), usb);
+        if (tagged_voice_modem(tty.get()) && udev_device_get_devnode(tty.get())) {
+            const char* usb_serial = usb ? udev_device_get_sysattr_value(usb, "serial") : nullptr;
+            const char* id_path = udev_device_get_property_value(tty.get(), "ID_PATH");
+            voice_modems.push_back(
+                {found.size(), usb_serial ? usb_serial : "",
+                 id_path && *id_path ? id_path : udev_device_get_sysname(tty.get())});
+            qlx& record = found.emplace_back();
+            record.ttyDevice = udev_device_get_sysname(tty.get());
+            record.calloutDevice = udev_device_get_devnode(tty.get());
+            record.deviceType = kVoiceModemDeviceType;
+            kallog(KAL_DEBUG, "Voice modem: %s", props.c_str());
+            continue;
+        }
         if (!usb) {
             kallog(KAL_DEBUG, "Did not get success from parent entry. Assuming not a QLX: %s",
                    props.c_str());
@@ -140,6 +180,7 @@ bool FindModems(std::vector<qlx>* table, int* count, bool setupNotifications,
         record.deviceType = type;
     }
 
+    name_voice_modems(voice_modems, found);
     kallog(KAL_DEBUG, "Done detecting %d QLXs", static_cast<int>(found.size()));
     *count = static_cast<int>(found.size());
     *table = std::move(found);

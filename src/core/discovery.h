@@ -7,6 +7,15 @@
 // of the two product names below and a non-empty sysattr `serial`. Its record
 // gets that serial, the tty's sysname as ttyDevice ("ttyUSB0") and the tty's
 // device node as calloutDevice ("/dev/ttyUSB0").
+//
+// A voice modem (deviceType 3) is a tty that udev tagged with the property
+// KAL_VOICE_MODEM=1 (data/udev/60-kaldevicemaster-voicemodem.rules tags the
+// known models; a user's rule can tag any port, or set 0 to keep one out).
+// Its serial is its USB device's serial when that names one modem: many
+// modems report the same placeholder, so when the serial is missing, empty,
+// or shared by another voice modem present, the port's ID_PATH (stable for
+// the USB socket it is plugged into, as /dev/serial/by-path) names it, and
+// the tty's sysname when even that is missing.
 
 #include <vector>
 
@@ -22,6 +31,11 @@ inline constexpr const char kQlx2ProductName[] = "Kestrel Line Unit II";
 // `serial`, or 0 when it is not an adapter. Null stands for a missing
 // attribute. Matching is exact: case and blanks count.
 int qlx_device_type(const char* product, const char* serial);
+
+// The udev property that marks a voice modem, and the value that does.
+inline constexpr const char kVoiceModemProperty[] = "KAL_VOICE_MODEM";
+inline constexpr const char kVoiceModemTagged[] = "1";
+inline constexpr int kVoiceModemDeviceType = 3;
 
 // Builds a fresh table of the adapters present, in udev's enumeration order,
 // every record new (fd -1, pid -1, status 0). On success stores the table and

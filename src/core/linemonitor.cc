@@ -99,6 +99,9 @@ int spawn_correct_linemonitor(qlx* record) {
         case 2:
             return spawn_linemonitor(zrx_linemonitor_path(), kZRXLineMonitorName,
                                      record->calloutDevice, record);
+        case 3:
+            return spawn_linemonitor(v253_linemonitor_path(), kV253LineMonitorName,
+                                     record->calloutDevice, record);
         default:
             kallog(KAL_WARN, "Can't start line monitor for unknown device type %d",
                    record->deviceType);

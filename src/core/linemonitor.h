@@ -9,9 +9,9 @@
 #include "core/device_table.h"
 
 // Picks the program for `record->deviceType` (1 KALLineMonitor, 2
-// ZRXLineMonitor) and spawns it for the record's callout device. Returns our
-// socket end, or -1 (an unknown type forks nothing and leaves the record as
-// it was). Device-table lock held.
+// ZRXLineMonitor, 3 V253LineMonitor) and spawns it for the record's callout
+// device. Returns our socket end, or -1 (an unknown type forks nothing and
+// leaves the record as it was). Device-table lock held.
 int spawn_correct_linemonitor(qlx* record);
 
 // Forks and execs `path` as `argv0 -QLXLine <line> -QLXSerial <serial>`.

@@ -33,7 +33,7 @@ const std::vector<CommandSpec>& commands() {
          0,
          0,
          "list the telephone lines (adapters) and their types",
-         "A line of type 2 is the enhanced adapter model.",
+         "A line of type 2 is the enhanced adapter model; type 3 is a voice modem.",
          {}},
         {"monitor",
          "",

@@ -87,6 +87,8 @@ int cmd_lines(Session& s, const Invocation&, std::ostream& out) {
         line += type > 0 ? "type " + std::to_string(type) : "type unknown";
         if (std::find(enhanced.begin(), enhanced.end(), serial) != enhanced.end())
             line += " (enhanced)";
+        else if (type == 3)
+            line += " (voice modem)";
         out << line << std::endl;
     }
     return kExitOk;

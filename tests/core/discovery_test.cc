@@ -68,6 +68,15 @@ class DiscoveryTest : public ::testing::Test {
         return poll(&p, 1, 0) == 1 && read(p.fd, &byte, 1) == 1 && byte == 0x40;
     }
 
+    // A voice modem's port with this USB serial and KAL_VOICE_MODEM tag.
+    VoiceModemPort voice_modem(std::optional<std::string> serial,
+                               std::optional<std::string> tag = "1") {
+        VoiceModemOptions o;
+        o.serial = std::move(serial);
+        o.tag = std::move(tag);
+        return ports_.add_voice_modem_port(o);
+    }
+
     TempRoot root_;
     FakeAdapters ports_;
     EventPtr loop_;
@@ -110,6 +119,65 @@ TEST_F(DiscoveryTest, FindsBothModelsAndSkipsLookAlikes) {
     EXPECT_EQ(count_in_log("DEBUG: Skipping non-QLX device: {"), 5);
     EXPECT_EQ(count_in_log("DEBUG: Did not get success from parent entry. Assuming not a QLX: {"),
               1);
+}
+
+TEST_F(DiscoveryTest, ATaggedVoiceModemIsTypeThreeBesideTheAdapters) {
+    ports_.add_adapter(1, "KL0001");
+    const VoiceModemPort modem = voice_modem("C0FFEE01");
+    ports_.add_builtin_port();
+
+    find_live_table();
+    ASSERT_EQ(gLinecount, 2);
+    const qlx* r = line("C0FFEE01");
+    ASSERT_NE(r, nullptr);
+    EXPECT_EQ(r->deviceType, 3);
+    EXPECT_EQ(r->calloutDevice, modem.devnode);
+    EXPECT_EQ("/dev/" + r->ttyDevice, modem.devnode);
+    EXPECT_EQ(r->status, QLX_STATUS_NEW);
+    ASSERT_NE(line("KL0001"), nullptr);
+    EXPECT_EQ(line("KL0001")->deviceType, 1);
+    EXPECT_THAT(log(), HasSubstr("to voice modem with serial number C0FFEE01"));
+}
+
+TEST_F(DiscoveryTest, VoiceModemsWithoutAUsableSerialAreNamedByTheirPorts) {
+    // Two identical modems reporting the same placeholder, one reporting
+    // nothing, one with a serial of its own.
+    const VoiceModemPort a = voice_modem("12345678");
+    const VoiceModemPort b = voice_modem("12345678");
+    const VoiceModemPort c = voice_modem("");
+    const VoiceModemPort d = voice_modem(std::nullopt);
+    VoiceModemOptions usr;
+    usr.serial = "USR0001";
+    usr.vendor = "0baf";
+    usr.product_id = "0303";
+    ports_.add_voice_modem_port(usr);
+    ASSERT_NE(a.id_path, b.id_path);
+
+    for (int pass = 0; pass < 2; ++pass) {  // the same names every time
+        SCOPED_TRACE(pass);
+        std::vector<qlx> table;
+        int count = 0;
+        ASSERT_TRUE(FindModems(&table, &count, false));
+        ASSERT_EQ(count, 5);
+        std::vector<std::string> serials;
+        for (const auto& r : table) {
+            EXPECT_EQ(r.deviceType, 3);
+            serials.push_back(r.serial);
+        }
+        EXPECT_THAT(serials, ::testing::UnorderedElementsAre(a.id_path, b.id_path, c.id_path,
+                                                             d.id_path, "USR0001"));
+    }
+}
+
+TEST_F(DiscoveryTest, PortsNotTaggedOneAreNotVoiceModems) {
+    voice_modem("AAAA", std::nullopt);
+    voice_modem("BBBB", "0");
+    voice_modem("CCCC", "yes");
+    std::vector<qlx> table;
+    int count = -1;
+    ASSERT_TRUE(FindModems(&table, &count, false));
+    EXPECT_EQ(count, 0);
+    EXPECT_EQ(count_in_log("DEBUG: Skipping non-QLX device: {"), 3);
 }
 
 TEST_F(DiscoveryTest, NoPortsIsAnEmptyTableNotAFailure) {

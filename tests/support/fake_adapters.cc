@@ -21,6 +21,7 @@ FakeAdapters::FakeAdapters() {
 }
 
 FakeAdapters::~FakeAdapters() {
+    modems_.clear();           // the emulators first: their links are in the testbed
     g_object_unref(testbed_);  // removes the testbed and unsets UMOCKDEV_DIR
 }
 
@@ -84,11 +85,57 @@ std::string FakeAdapters::add_builtin_port() {
     return add(d, {"/dev/ttyS" + n, "/sys" + tty, "/sys" + tty});
 }
 
+VoiceModemPort FakeAdapters::add_voice_modem_port(const VoiceModemOptions& o) {
+    const std::string n = std::to_string(next_++);
+    const std::string usb = "/devices/pci0000:00/0000:00:14.0/usb1/1-" + n;
+    const std::string iface = usb + "/1-" + n + ":1.0";
+    const std::string tty = iface + "/tty/ttyACM" + n;
+    const std::string id_path = "pci-0000:00:14.0-usb-0:" + n + ":1.0";
+    std::string d = "P: " + usb +
+                    "\n"
+                    "E: SUBSYSTEM=usb\n"
+                    "E: DEVTYPE=usb_device\n"
+                    "A: idVendor=" +
+                    o.vendor + "\nA: idProduct=" + o.product_id +
+                    "\n"
+                    "A: product=USB Modem\n";
+    if (o.serial)
+        d += "A: serial=" + *o.serial + "\n";
+    d += "\nP: " + iface +
+         "\n"
+         "E: SUBSYSTEM=usb\n"
+         "E: DEVTYPE=usb_interface\n"
+         "A: bInterfaceClass=02\n"
+         "\nP: " +
+         tty + "\nN: ttyACM" + n +
+         "\n"
+         "E: SUBSYSTEM=tty\n"
+         "E: DEVNAME=/dev/ttyACM" +
+         n + "\nE: ID_PATH=" + id_path + "\n";
+    if (o.tag)
+        d += "E: KAL_VOICE_MODEM=" + *o.tag + "\nE: ID_MM_DEVICE_IGNORE=1\n";
+    return {add(d, {"/dev/ttyACM" + n, "/sys" + tty, "/sys" + usb}), id_path};
+}
+
+FakeAdapters::VoiceModem FakeAdapters::add_voice_modem(const VoiceModemOptions& o) {
+    VoiceModemPort port = add_voice_modem_port(o);
+    gchar* root = umockdev_testbed_get_root_dir(testbed_);
+    const std::string dir = root;
+    g_free(root);
+    const std::string name = port.devnode.substr(port.devnode.rfind('/') + 1);
+    modems_.push_back(std::make_unique<ModemSim>(
+        dir + "/dev/" + name, dir + "/modemsim-" + name + ".sock", o.speed, o.quirks));
+    ports_.back().modem = modems_.back().get();
+    return {port, *modems_.back()};
+}
+
 void FakeAdapters::unplug(const std::string& devnode) {
     auto it = std::find_if(ports_.begin(), ports_.end(),
                            [&](const Port& p) { return p.devnode == devnode; });
     if (it == ports_.end())
         throw std::runtime_error("no fake port at " + devnode);
+    if (it->modem && it->modem->send("vanish").rfind("ok", 0) != 0)
+        throw std::runtime_error("the emulator behind " + devnode + " did not vanish");
     // Listeners learn of the removal only from the uevent; taking the
     // directories away is silent.
     umockdev_testbed_uevent(testbed_, it->tty_syspath.c_str(), "remove");

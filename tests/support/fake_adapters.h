@@ -5,9 +5,12 @@
 // it starts (they inherit UMOCKDEV_DIR and the preload library). A test
 // binary that uses this runs under umockdev-wrapper.
 
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
+
+#include "modemsim_control.h"
 
 struct _UMockdevTestbed;
 
@@ -17,6 +20,24 @@ namespace kal::test {
 // rather than taken from the daemon's code.
 inline constexpr const char kType1Product[] = "USB Kestrel Line Unit";
 inline constexpr const char kType2Product[] = "Kestrel Line Unit II";
+
+// A USB voice modem's port. By default it looks like a Conexant-based
+// modem (0572:1329) as the project's udev rule leaves it: tagged
+// KAL_VOICE_MODEM=1 and ID_MM_DEVICE_IGNORE=1, with an ID_PATH.
+struct VoiceModemOptions {
+    std::optional<std::string> serial = "12345678";  // the USB serial; nullopt: none
+    std::string vendor = "0572";
+    std::string product_id = "1329";
+    std::optional<std::string> tag = "1";  // KAL_VOICE_MODEM; nullopt: untagged
+    // With add_voice_modem(): the emulator's speed and quirks ("name=value").
+    double speed = 100;
+    std::vector<std::string> quirks;
+};
+
+struct VoiceModemPort {
+    std::string devnode;  // "/dev/ttyACM0"
+    std::string id_path;  // what the daemon names the line when the serial is no name
+};
 
 class FakeAdapters {
   public:
@@ -34,8 +55,21 @@ class FakeAdapters {
     // A tty with no USB device above it, like a built-in serial port.
     std::string add_builtin_port();
 
+    // A voice modem's ttyACM port without anything behind it.
+    VoiceModemPort add_voice_modem_port(const VoiceModemOptions& options = {});
+    // A voice modem's port with the emulator (kal-modemsim) behind it: a
+    // program that opens the devnode under umockdev talks to the emulator.
+    // The handle lives as long as this object.
+    struct VoiceModem {
+        VoiceModemPort port;
+        ModemSim& sim;
+    };
+    VoiceModem add_voice_modem(const VoiceModemOptions& options = {});
+
     // Sends "remove" for the tty at `devnode`, then takes it and its USB
-    // device out of the testbed.
+    // device out of the testbed. An emulated modem's port vanishes first
+    // (the program that has it open reads a hang-up); the emulator stays
+    // for its control socket.
     void unplug(const std::string& devnode);
 
   private:
@@ -43,11 +77,13 @@ class FakeAdapters {
         std::string devnode;
         std::string tty_syspath;
         std::string top_syspath;  // the USB device, or the tty itself
+        ModemSim* modem = nullptr;
     };
     std::string add(const std::string& description, Port port);
 
     _UMockdevTestbed* testbed_ = nullptr;
     std::vector<Port> ports_;
+    std::vector<std::unique_ptr<ModemSim>> modems_;
     // Every port gets a fresh number: umockdev cannot add a removed name again.
     int next_ = 0;
 };
