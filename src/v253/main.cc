@@ -158,13 +158,21 @@ int run(const std::string& port_path, const std::string& serial) {
             final_flush(tty, out.tty);
             return *status;
         }
-        while (line.wants_audio() && out.tty.audio_size() < kAudioChunk) {
-            std::string chunk = line.next_audio(kAudioChunk, Clock::now());
-            if (chunk.empty())
+        // Audio goes out until the port is full (poll then waits for room)
+        // or the file has ended.
+        bool port_ok = true;
+        for (;;) {
+            while (line.wants_audio() && out.tty.audio_size() < kAudioChunk) {
+                std::string chunk = line.next_audio(kAudioChunk, Clock::now());
+                if (chunk.empty())
+                    break;
+                out.tty.add_audio(chunk);
+            }
+            port_ok = out.tty.flush(tty);
+            if (!port_ok || out.tty.audio_size() > 0 || !line.wants_audio())
                 break;
-            out.tty.add_audio(chunk);
         }
-        if (!out.tty.flush(tty)) {
+        if (!port_ok) {
             vlog(kLogErr, "writing to %s: %s; the modem has gone", port_path.c_str(),
                  strerror(errno));
             return kExitModemGone;

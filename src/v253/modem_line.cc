@@ -329,35 +329,42 @@ void ModemLine::on_event(char code, Clock::time_point now) {
         return;
     }
     if (is_dtmf_digit(code)) {
-        send_event(lm::kEvtDigit, std::string_view(&code, 1));
-        return stop_check(code, now);
+        return line_event(lm::kEvtDigit, code, std::string_view(&code, 1), now);
     }
     switch (code) {
         case 'H':  // the local handset picked up
         case 'P':
             handset_off_ = true;
             ringing_ = false;
-            send_event(lm::kEvtOffHook);
-            return stop_check(lm::kEvtOffHook, now);
+            return line_event(lm::kEvtOffHook, lm::kEvtOffHook, {}, now);
         case 'h':  // and put down
         case 'p':
             handset_off_ = false;
-            send_event(lm::kEvtOnHook);
-            return stop_check(lm::kEvtOnHook, now);
+            return line_event(lm::kEvtOnHook, lm::kEvtOnHook, {}, now);
         case 'R':
             return ring(now);
     }
     if (kPlainEvents.find(code) != std::string_view::npos) {
-        send_event(code);
-        return stop_check(code, now);
+        return line_event(code, code, {}, now);
     }
     vlog(kLogDebug, "%s: modem event 0x%02x ignored", name_.c_str(),
          static_cast<unsigned char>(code));
 }
 
-void ModemLine::stop_check(char c, Clock::time_point now) {
-    if (audio_ && audio_->req.stopString.find(c) != std::string::npos)
-        stop_audio(lm::kAudioStopped, c, now);
+void ModemLine::line_event(char c, char stop_char, std::string_view rest, Clock::time_point now) {
+    const bool stops = audio_ && audio_->req.stopString.find(stop_char) != std::string::npos;
+    // An event that ends audio reaches the daemon after the audio has ended
+    // (a recording is complete on disk when its caller hears of the hang-up),
+    // and so does any that comes while it ends, in order.
+    if (stops || (audio_ && state_ == State::Ending)) {
+        std::string payload(1, c);
+        payload += rest;
+        audio_->held.push_back(std::move(payload));
+    } else {
+        send_event(c, rest);
+    }
+    if (stops)
+        stop_audio(lm::kAudioStopped, stop_char, now);
 }
 
 // ---------------------------------------------------------------------------
@@ -583,7 +590,12 @@ void ModemLine::audio_ended(const AtOutcome& o, Clock::time_point now) {
 
 void ModemLine::finish_audio(lm::lm_audio_response r, Clock::time_point now) {
     const long long bytes = audio_ ? audio_->bytes : 0;
+    std::vector<std::string> held;
+    if (audio_)
+        held = std::move(audio_->held);
     audio_.reset();
+    for (const auto& payload : held)
+        out_.to_daemon(payload);
     receiving_ = false;
     reply(r.token, r.status, r.stopChar, bytes);
     set_state(State::Idle, "audio finished");

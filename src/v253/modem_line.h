@@ -25,7 +25,8 @@
 //             streams with DLE doubling, <DLE><ETX>; once the modem has
 //             played it out the post-play pause runs, then ^ 3. An event in
 //             the stop string ends it early: the modem's buffer is flushed
-//             (<DLE><CAN>), the event is sent, then ^ 4 with it.
+//             (<DLE><CAN>), and once the modem has stopped the event is
+//             sent, then ^ 4 with it.
 //   R record  the same rules; with digits to dial first the line is dialled
 //             instead. +VRX into the file (truncated, or appended to with
 //             flag bit 0x40) until the stop string, `length` seconds (none
@@ -53,6 +54,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "base/unique_fd.h"
 #include "lineio/protocol.h"
@@ -124,6 +126,7 @@ class ModemLine {
         long long limit_bytes = 0;                  // record: its maximum length in audio
         std::optional<Clock::time_point> limit;     // record: the same by the clock
         Clock::time_point pause_end;
+        std::vector<std::string> held;  // events for the daemon once the audio has ended
     };
     class Decoded;
 
@@ -145,7 +148,9 @@ class ModemLine {
     void on_record_data(std::string_view bytes);
     void ring(Clock::time_point now);
     void flush_caller_id();
-    void stop_check(char c, Clock::time_point now);
+    // A line event for the daemon; `stop_char` is what a stop string names
+    // it by (a digit by itself).
+    void line_event(char c, char stop_char, std::string_view rest, Clock::time_point now);
 
     // Commands.
     void handle_command(const char* data, size_t len, Clock::time_point now);
