@@ -96,10 +96,8 @@ const std::vector<std::string> kHelp = {
     "vanish                     close the port like a USB unplug",
 };
 
-using Handler = std::function<ControlReply(Context&)>;
-
-const std::map<std::string, Handler, std::less<>>& handlers() {
-    static const std::map<std::string, Handler, std::less<>> table = {
+const simctl::HandlerTable<Context>& handlers() {
+    static const simctl::HandlerTable<Context> table = {
         {"ring",
          [](Context& c) {
              c.modem().ring(c.now);
@@ -345,17 +343,9 @@ std::string apply_quirk(Modem& modem, std::string_view name, std::string_view va
 
 simctl::ControlReply run_control(ControlContext& ctx, std::string_view line,
                                  Clock::time_point now) {
-    std::string_view rest = line;
-    std::string name = simctl::lower(simctl::next_word(rest));
-    if (name.empty())
-        return error("empty command (try help)");
-    if (auto r = simctl::process_command(name, rest))
-        return *r;
-    auto it = handlers().find(name);
-    if (it == handlers().end())
-        return error("unknown command '" + name + "' (try help)");
-    Context c{ctx, rest, now};
-    return it->second(c);
+    return simctl::dispatch_table(line, handlers(), [&](std::string_view args) {
+        return Context{ctx, args, now};
+    });
 }
 
 }  // namespace kal::modemsim

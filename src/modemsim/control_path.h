@@ -9,23 +9,18 @@
 // (simctl/socket_name.h spells the file name). Header-only, so that the test
 // support library can find the sockets without linking the emulator.
 
-#include <cstdlib>
 #include <string>
 
-#include "base/paths.h"
 #include "simctl/socket_name.h"
 
 namespace kal::modemsim {
 
 inline std::string control_dir() {
-    const char* dir = std::getenv("KAL_MODEMSIM_DIR");
-    if (dir && *dir)
-        return dir;
-    return kal::kal_root() + "/run/kal-modemsim";
+    return simctl::socket_dir("KAL_MODEMSIM_DIR", "kal-modemsim");
 }
 
 inline std::string control_socket_path(const std::string& serial) {
-    return control_dir() + "/" + simctl::socket_file_name(serial);
+    return simctl::socket_path(control_dir(), serial);
 }
 
 }  // namespace kal::modemsim

@@ -44,10 +44,6 @@ const char kUsage[] =
     "Under umockdev, --link $UMOCKDEV_DIR/dev/ttyACM0 puts the emulator behind the\n"
     "testbed's /dev/ttyACM0.\n";
 
-std::string socket_for(const std::string& serial) {
-    return control_socket_path(serial);
-}
-
 bool parse_speed(const char* text, double& speed) {
     char* end = nullptr;
     double v = strtod(text, &end);
@@ -65,11 +61,8 @@ int usage_error(const char* what) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    const kal::simctl::CtlProgram program{"kal-modemsim", control_dir(), socket_for};
-    if (argc >= 2 && strcmp(argv[1], "ctl") == 0)
-        return kal::simctl::run_ctl(program, argc - 1, argv + 1);
-    if (argc >= 2 && strcmp(argv[1], "list") == 0)
-        return kal::simctl::run_list(program);
+    if (auto status = kal::simctl::run_client({"kal-modemsim", control_dir()}, argc, argv))
+        return *status;
 
     ServerOptions o;
     if (const char* s = std::getenv("KAL_MODEMSIM_SPEED"); s && *s && !parse_speed(s, o.speed))

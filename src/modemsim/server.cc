@@ -152,21 +152,8 @@ void Server::on_port(short revents, Clock::time_point now) {
 }
 
 bool Server::setup_signals() {
-    signal(SIGPIPE, SIG_IGN);
-    sigset_t set;
-    sigemptyset(&set);
-    for (int sig : {SIGTERM, SIGHUP, SIGINT})
-        sigaddset(&set, sig);
-    if (sigprocmask(SIG_SETMASK, &set, nullptr) != 0) {
-        fail("sigprocmask: %s", strerror(errno));
-        return false;
-    }
-    signal_fd_.reset(signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK));
-    if (!signal_fd_) {
-        fail("signalfd: %s", strerror(errno));
-        return false;
-    }
-    return true;
+    signal_fd_ = simctl::signal_fd_for({SIGTERM, SIGHUP, SIGINT});
+    return static_cast<bool>(signal_fd_);
 }
 
 void Server::on_signal() {
@@ -194,36 +181,22 @@ int Server::run() {
                                                : options_.socket_path);
     std::vector<struct pollfd> fds;
     while (!control_.ending()) {
-        Clock::time_point now = Clock::now();
-        std::optional<Clock::time_point> deadline = modem_.next_deadline();
-        if (auto d = control_.next_deadline(); d && (!deadline || *d < *deadline))
-            deadline = d;
         fds.clear();
         fds.push_back({signal_fd_.get(), POLLIN, 0});
         fds.push_back({master_ ? master_.get() : -1,
                        static_cast<short>(POLLIN | (out_.empty() ? 0 : POLLOUT)), 0});
-        control_.add_to_poll(fds);
-        int n = poll(fds.data(), fds.size(), simctl::poll_timeout_ms(now, deadline));
-        if (n < 0 && errno != EINTR) {
-            fail("poll: %s", strerror(errno));
+        int n = control_.poll(fds, modem_.next_deadline());
+        if (n < 0)
             return 1;
-        }
-        now = Clock::now();
+        Clock::time_point now = Clock::now();
         if (n > 0 && fds[0].revents)
             on_signal();
         if (n > 0 && master_ && fds[1].revents)
             on_port(fds[1].revents, now);
         modem_.on_time(now);
         control_.on_poll(fds, now);
-        control_.resolve_waits(now);
     }
-    control_.final_flush();
-    const simctl::ControlReply& end = *control_.ending();
-    if (end.then == simctl::ControlReply::Then::Crash) {
-        control_.drop_clients();
-        simctl::die_by(end.value);
-    }
-    return end.value;
+    return control_.finish();
 }
 
 }  // namespace

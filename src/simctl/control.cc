@@ -3,9 +3,13 @@
 #include <signal.h>
 #include <string.h>
 #include <sys/resource.h>
+#include <sys/signalfd.h>
 #include <unistd.h>
 
+#include <cerrno>
+
 #include "simctl/text.h"
+#include "simctl/trace.h"
 
 namespace kal::simctl {
 
@@ -56,6 +60,9 @@ const char* const kProcessHelp[2] = {
     "crash <signal>             die by that signal (segv, abrt, kill, 11...)",
 };
 
+namespace {
+
+// `exit <code>` and `crash <signal>`; nothing for any other command name.
 std::optional<ControlReply> process_command(std::string_view name, std::string_view args) {
     if (name == "exit") {
         auto code = parse_long(args);
@@ -77,6 +84,20 @@ std::optional<ControlReply> process_command(std::string_view name, std::string_v
         return r;
     }
     return std::nullopt;
+}
+
+}  // namespace
+
+ControlReply dispatch(std::string_view line, const Lookup& find) {
+    std::string_view rest = line;
+    std::string name = lower(next_word(rest));
+    if (name.empty())
+        return error("empty command (try help)");
+    if (auto r = process_command(name, rest))
+        return *r;
+    if (auto r = find(name, rest))
+        return *r;
+    return error("unknown command '" + name + "' (try help)");
 }
 
 int reply_line_count(std::string_view first_line) {
@@ -118,6 +139,23 @@ std::optional<int> parse_signal(std::string_view text) {
     if (*sig > SIGSYS && *sig < SIGRTMIN)  // reserved by the C library
         return std::nullopt;
     return sig;
+}
+
+kal::unique_fd signal_fd_for(std::initializer_list<int> sigs) {
+    signal(SIGPIPE, SIG_IGN);
+    sigset_t set;
+    sigemptyset(&set);
+    for (int sig : sigs)
+        sigaddset(&set, sig);
+    // SIG_SETMASK, not SIG_BLOCK: whatever a parent left blocked is open again.
+    if (sigprocmask(SIG_SETMASK, &set, nullptr) != 0) {
+        fail("sigprocmask: %s", strerror(errno));
+        return kal::unique_fd();
+    }
+    kal::unique_fd fd(signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK));
+    if (!fd)
+        fail("signalfd: %s", strerror(errno));
+    return fd;
 }
 
 void die_by(int sig) {

@@ -14,10 +14,14 @@
 
 #include <chrono>
 #include <functional>
+#include <initializer_list>
+#include <map>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include "base/unique_fd.h"
 
 namespace kal::simctl {
 
@@ -43,8 +47,30 @@ ControlReply wait_for(std::function<std::optional<std::string>()> attempt, doubl
 // The help listing of one "name args   explanation" line per command.
 ControlReply help(const std::vector<std::string>& lines);
 
-// `exit <code>` and `crash <signal>`; nothing for any other command name.
-std::optional<ControlReply> process_command(std::string_view name, std::string_view args);
+// The handler of a simulator's command `name` (lower case) given the rest of
+// the line, or nothing when it has no such command.
+using Lookup =
+    std::function<std::optional<ControlReply>(const std::string& name, std::string_view args)>;
+// Serves one control line: `exit <code>` and `crash <signal>` here, any other
+// command through `find`; an empty line or an unknown name is an error.
+ControlReply dispatch(std::string_view line, const Lookup& find);
+// A simulator's commands: name to handler of its own context.
+template <class Context>
+using HandlerTable = std::map<std::string, std::function<ControlReply(Context&)>, std::less<>>;
+
+// dispatch() over such a table, with a context that `make_context(args)`
+// builds.
+template <class Table, class MakeContext>
+ControlReply dispatch_table(std::string_view line, const Table& table, MakeContext make_context) {
+    return dispatch(
+        line, [&](const std::string& name, std::string_view args) -> std::optional<ControlReply> {
+            auto it = table.find(name);
+            if (it == table.end())
+                return std::nullopt;
+            auto context = make_context(args);
+            return it->second(context);
+        });
+}
 extern const char* const kProcessHelp[2];
 
 // How many lines follow a reply's first line.
@@ -56,5 +82,10 @@ std::optional<int> parse_signal(std::string_view text);
 
 // Dies by `sig` as its default action would, without a core file.
 [[noreturn]] void die_by(int sig);
+
+// Blocks exactly `sigs` (whatever else was blocked is open again), ignores
+// SIGPIPE and returns a non-blocking signalfd for them; an empty descriptor
+// (after a complaint) on failure.
+kal::unique_fd signal_fd_for(std::initializer_list<int> sigs);
 
 }  // namespace kal::simctl

@@ -21,8 +21,7 @@ constexpr size_t kMaxControlLine = 1 << 20;
 // How long an exiting simulator tries to deliver its last replies.
 constexpr auto kFinalFlush = std::chrono::seconds(1);
 
-}  // namespace
-
+// Milliseconds for poll() until `deadline` (-1: none), at most a minute.
 int poll_timeout_ms(Clock::time_point now, std::optional<Clock::time_point> deadline) {
     if (!deadline)
         return -1;
@@ -31,6 +30,8 @@ int poll_timeout_ms(Clock::time_point now, std::optional<Clock::time_point> dead
     auto ms = std::chrono::ceil<std::chrono::milliseconds>(*deadline - now).count();
     return static_cast<int>(std::min<long long>(ms, 60000));
 }
+
+}  // namespace
 
 void ControlServer::open(const std::string& path) {
     std::error_code ec;
@@ -72,6 +73,28 @@ void ControlServer::remove_socket() {
         st.st_ino == socket_ino_)
         ::unlink(socket_path_.c_str());
     socket_path_.clear();
+}
+
+int ControlServer::poll(std::vector<struct pollfd>& fds,
+                        std::optional<Clock::time_point> deadline) {
+    if (auto d = next_deadline(); d && (!deadline || *d < *deadline))
+        deadline = d;
+    add_to_poll(fds);
+    int n = ::poll(fds.data(), fds.size(), poll_timeout_ms(Clock::now(), deadline));
+    if (n < 0 && errno != EINTR) {
+        fail("poll: %s", strerror(errno));
+        return -1;
+    }
+    return std::max(n, 0);
+}
+
+int ControlServer::finish() {
+    final_flush();
+    if (ending_->then == ControlReply::Then::Crash) {
+        clients_.clear();
+        die_by(ending_->value);
+    }
+    return ending_->value;
 }
 
 void ControlServer::add_to_poll(std::vector<struct pollfd>& fds) {
@@ -224,7 +247,7 @@ void ControlServer::final_flush() {
     for (auto& c : clients_) {
         while (!c.out.empty() && !c.broken && Clock::now() < until) {
             struct pollfd p = {c.fd.get(), POLLOUT, 0};
-            if (poll(&p, 1, poll_timeout_ms(Clock::now(), until)) <= 0)
+            if (::poll(&p, 1, poll_timeout_ms(Clock::now(), until)) <= 0)
                 break;
             flush(c);
         }

@@ -37,23 +37,28 @@ class ControlServer {
     // Removes the socket file, only when it is still ours.
     void remove_socket();
 
-    // Adds the listening socket and the clients to `fds`; on_poll() reads
-    // the same entries back after poll().
-    void add_to_poll(std::vector<struct pollfd>& fds);
+    // Polls the simulator's own `fds` (which come first and keep their
+    // places) and the control socket and clients until `deadline` or the
+    // end of a wait. Returns poll()'s result; -1 only on an error other than
+    // EINTR (complained about). on_poll() then serves the clients.
+    int poll(std::vector<struct pollfd>& fds, std::optional<Clock::time_point> deadline);
     void on_poll(const std::vector<struct pollfd>& fds, Clock::time_point now);
-    // The earliest end of a wait, if any.
-    std::optional<Clock::time_point> next_deadline() const;
     void resolve_waits(Clock::time_point now);
 
     // Set by `exit` / `crash`, or by end_with(): the loop ends once the
     // replies are out.
     const std::optional<ControlReply>& ending() const { return ending_; }
     void end_with(ControlReply r) { ending_ = std::move(r); }
-    // Tries for a while to deliver the replies still queued.
-    void final_flush();
-    void drop_clients() { clients_.clear(); }
+    // Once ending(): delivers the replies still queued (for a while), then
+    // dies by the signal of `crash` (the socket file stays, as a crash would
+    // leave it) or returns the status to exit with.
+    int finish();
 
   private:
+    void add_to_poll(std::vector<struct pollfd>& fds);
+    std::optional<Clock::time_point> next_deadline() const;
+    void final_flush();
+
     struct Client {
         kal::unique_fd fd;
         std::string in;
@@ -83,8 +88,5 @@ class ControlServer {
     size_t first_fd_ = 0;
     std::vector<Client*> polled_;
 };
-
-// Milliseconds for poll() until `deadline` (-1: none), at most a minute.
-int poll_timeout_ms(Clock::time_point now, std::optional<Clock::time_point> deadline);
 
 }  // namespace kal::simctl

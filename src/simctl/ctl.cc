@@ -19,6 +19,7 @@
 
 #include "base/unique_fd.h"
 #include "simctl/control.h"
+#include "simctl/socket_name.h"
 
 namespace kal::simctl {
 
@@ -105,8 +106,7 @@ int ctl_usage(const CtlProgram& program) {
     return 2;
 }
 
-}  // namespace
-
+// argv[0] is "ctl".
 int run_ctl(const CtlProgram& program, int argc, char** argv) {
     int i = 1;
     double wait_seconds = 0;
@@ -121,7 +121,7 @@ int run_ctl(const CtlProgram& program, int argc, char** argv) {
         return ctl_usage(program);
     std::string target = argv[i++];
     const bool is_path = target.rfind("/", 0) == 0 || target.rfind("./", 0) == 0;
-    const std::string path = is_path ? target : program.socket_for(target);
+    const std::string path = is_path ? target : socket_path(program.socket_dir, target);
 
     std::string error;
     kal::unique_fd fd = connect_to(path, wait_seconds, error);
@@ -189,6 +189,16 @@ int run_list(const CtlProgram& program) {
                alive ? "listening" : "stale (nobody answers)");
     }
     return 0;
+}
+
+}  // namespace
+
+std::optional<int> run_client(const CtlProgram& program, int argc, char** argv) {
+    if (argc >= 2 && strcmp(argv[1], "ctl") == 0)
+        return run_ctl(program, argc - 1, argv + 1);
+    if (argc >= 2 && strcmp(argv[1], "list") == 0)
+        return run_list(program);
+    return std::nullopt;
 }
 
 }  // namespace kal::simctl

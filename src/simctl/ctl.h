@@ -13,17 +13,17 @@
 //   <program> list
 //       the serials that have a control socket, and whether one answers.
 
+#include <optional>
 #include <string>
 
 namespace kal::simctl {
 
 struct CtlProgram {
     std::string name;        // "kal-linesim", for messages and the prompt
-    std::string socket_dir;  // where the control sockets are
-    std::string (*socket_for)(const std::string& serial);
+    std::string socket_dir;  // where the control sockets are (socket_name.h)
 };
 
-int run_ctl(const CtlProgram& program, int argc, char** argv);  // argv[0] is "ctl"
-int run_list(const CtlProgram& program);
+// The exit status of `ctl` or `list` when argv[1] is one of them.
+std::optional<int> run_client(const CtlProgram& program, int argc, char** argv);
 
 }  // namespace kal::simctl

@@ -79,10 +79,8 @@ const char* const kHelp[] = {
     "status                     hook, seizure, ringing, audio, deadman",
 };
 
-using Handler = std::function<ControlReply(Context&)>;
-
-const std::map<std::string, Handler, std::less<>>& handlers() {
-    static const std::map<std::string, Handler, std::less<>> table = {
+const simctl::HandlerTable<Context>& handlers() {
+    static const simctl::HandlerTable<Context> table = {
         {"ring", [](Context& c) { return sent(c.sim.ring(c.now), std::string(1, lm::kEvtRing)); }},
         {"callerid",
          [](Context& c) {
@@ -246,17 +244,9 @@ const std::map<std::string, Handler, std::less<>>& handlers() {
 }  // namespace
 
 ControlReply run_control(LineSim& sim, std::string_view line, Clock::time_point now) {
-    std::string_view rest = line;
-    std::string name = lower(next_word(rest));
-    if (name.empty())
-        return error("empty command (try help)");
-    if (auto r = simctl::process_command(name, rest))
-        return *r;
-    auto it = handlers().find(name);
-    if (it == handlers().end())
-        return error("unknown command '" + name + "' (try help)");
-    Context c{sim, rest, now};
-    return it->second(c);
+    return simctl::dispatch_table(line, handlers(), [&](std::string_view args) {
+        return Context{sim, args, now};
+    });
 }
 
 }  // namespace kal::linesim

@@ -10,23 +10,18 @@
 // (an empty serial is "_"). Header-only, so that the test support library
 // can find the sockets without linking the simulator.
 
-#include <cstdlib>
 #include <string>
 
-#include "base/paths.h"
 #include "simctl/socket_name.h"
 
 namespace kal::linesim {
 
 inline std::string control_dir() {
-    const char* dir = std::getenv("KAL_LINESIM_DIR");
-    if (dir && *dir)
-        return dir;
-    return kal::kal_root() + "/run/kal-linesim";
+    return simctl::socket_dir("KAL_LINESIM_DIR", "kal-linesim");
 }
 
 inline std::string control_socket_path(const std::string& serial) {
-    return control_dir() + "/" + simctl::socket_file_name(serial);
+    return simctl::socket_path(control_dir(), serial);
 }
 
 }  // namespace kal::linesim

@@ -58,18 +58,11 @@ double speed_from_env() {
     return v;
 }
 
-std::string socket_for(const std::string& serial) {
-    return control_socket_path(serial);
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
-    const kal::simctl::CtlProgram program{"kal-linesim", control_dir(), socket_for};
-    if (argc >= 2 && strcmp(argv[1], "ctl") == 0)
-        return kal::simctl::run_ctl(program, argc - 1, argv + 1);
-    if (argc >= 2 && strcmp(argv[1], "list") == 0)
-        return kal::simctl::run_list(program);
+    if (auto status = kal::simctl::run_client({"kal-linesim", control_dir()}, argc, argv))
+        return *status;
     if (argc >= 2 && (strcmp(argv[1], "--help") == 0 || strcmp(argv[1], "-h") == 0)) {
         fputs(kUsage, stdout);
         return 0;

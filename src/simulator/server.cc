@@ -3,19 +3,13 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
-#include <sys/resource.h>
 #include <sys/signalfd.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
-#include <filesystem>
-#include <list>
-#include <memory>
 #include <vector>
 
 #include "base/unique_fd.h"
@@ -83,22 +77,8 @@ bool Server::read_orders() {
 }
 
 bool Server::setup_signals() {
-    signal(SIGPIPE, SIG_IGN);
-    sigset_t set;
-    sigemptyset(&set);
-    for (int sig : {SIGTERM, SIGHUP, SIGINT, SIGUSR1})
-        sigaddset(&set, sig);
-    // SIG_SETMASK, not SIG_BLOCK: whatever the daemon left blocked is open again.
-    if (sigprocmask(SIG_SETMASK, &set, nullptr) != 0) {
-        fail("sigprocmask: %s", strerror(errno));
-        return false;
-    }
-    signal_fd_.reset(signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK));
-    if (!signal_fd_) {
-        fail("signalfd: %s", strerror(errno));
-        return false;
-    }
-    return true;
+    signal_fd_ = simctl::signal_fd_for({SIGTERM, SIGHUP, SIGINT, SIGUSR1});
+    return static_cast<bool>(signal_fd_);
 }
 
 // ---------------------------------------------------------------------------
@@ -193,21 +173,13 @@ int Server::run() {
 
     std::vector<struct pollfd> fds;
     while (!control_.ending() && !line_gone_) {
-        Clock::time_point now = Clock::now();
-        std::optional<Clock::time_point> deadline = sim_.next_deadline();
-        if (auto d = control_.next_deadline(); d && (!deadline || *d < *deadline))
-            deadline = d;
         fds.clear();
         fds.push_back({kLineFd, POLLIN, 0});
         fds.push_back({signal_fd_.get(), POLLIN, 0});
-        control_.add_to_poll(fds);
-
-        int n = poll(fds.data(), fds.size(), simctl::poll_timeout_ms(now, deadline));
-        if (n < 0 && errno != EINTR) {
-            fail("poll: %s", strerror(errno));
+        int n = control_.poll(fds, sim_.next_deadline());
+        if (n < 0)
             return 1;
-        }
-        now = Clock::now();
+        Clock::time_point now = Clock::now();
         if (n > 0 && fds[1].revents)
             on_signal();
         if (n > 0 && fds[0].revents && !on_line_readable(now)) {
@@ -217,17 +189,9 @@ int Server::run() {
         sim_.on_time(now);
         control_.on_poll(fds, now);
     }
-
-    control_.final_flush();
-    if (line_gone_ && !control_.ending())
-        return 0;
-    const ControlReply& end = *control_.ending();
-    if (end.then == ControlReply::Then::Crash) {
-        control_.drop_clients();
-        // The crashed simulator's socket file stays, as a crash would leave it.
-        simctl::die_by(end.value);
-    }
-    return end.value;
+    if (!control_.ending())
+        return 0;  // the daemon's end of the line is gone
+    return control_.finish();
 }
 
 }  // namespace

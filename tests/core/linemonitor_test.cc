@@ -128,6 +128,7 @@ std::string orders_field(const std::string& orders, int index) {
 TEST_F(LineMonitorTest, ChildStartsWithItsSocketOnFourTheOrdersAndADefaultSignalState) {
     write_file(linemonitor_path(), kReporter, 0755);
     write_file(zrx_linemonitor_path(), kReporter, 0755);
+    write_file(v253_linemonitor_path(), kReporter, 0755);
 
     // What the daemon's state would leak into a child if it were not reset:
     // an inheritable descriptor, blocked signals and (SetUp) an ignored one.
@@ -146,7 +147,7 @@ TEST_F(LineMonitorTest, ChildStartsWithItsSocketOnFourTheOrdersAndADefaultSignal
         int type;
         const char* serial;
         bool child_end_is_four;  // no dup2 needed
-    } cases[] = {{1, "KL0001", false}, {2, "ZR0002", true}};
+    } cases[] = {{1, "KL0001", false}, {2, "ZR0002", true}, {3, "VM0003", true}};
     for (const auto& c : cases) {
         SCOPED_TRACE(c.serial);
         qlx r = record(c.type, c.serial);
@@ -197,10 +198,12 @@ TEST_F(LineMonitorTest, ChildStartsWithItsSocketOnFourTheOrdersAndADefaultSignal
     }
     EXPECT_THAT(log(),
                 HasSubstr("INFO: Successful fork of " + zrx_linemonitor_path() + " as pid "));
+    EXPECT_THAT(log(),
+                HasSubstr("INFO: Successful fork of " + v253_linemonitor_path() + " as pid "));
 }
 
 TEST_F(LineMonitorTest, UnknownDeviceTypeForksNothingAndLogsOneWarning) {
-    for (int type : {0, 3}) {
+    for (int type : {0, 4}) {
         qlx r = record(type, "KL0003");
         const size_t before = log().size();
         EXPECT_EQ(spawn_correct_linemonitor(&r), -1);
@@ -216,9 +219,9 @@ TEST_F(LineMonitorTest, UnknownDeviceTypeForksNothingAndLogsOneWarning) {
 }
 
 TEST_F(LineMonitorTest, ProgramThatCannotBeExecutedStillSpawnsAndTheChildExits18) {
-    // Type 1 present but not executable; type 2 missing altogether.
+    // Type 1 present but not executable; types 2 and 3 missing altogether.
     write_file(linemonitor_path(), kReporter, 0644);
-    for (int type : {1, 2}) {
+    for (int type : {1, 2, 3}) {
         SCOPED_TRACE(type);
         qlx r = record(type, "KL0004");
         const int fd = spawn_correct_linemonitor(&r);

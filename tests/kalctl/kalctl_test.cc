@@ -9,6 +9,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <filesystem>
+
+#include "base/paths.h"
 #include "client/client.h"
 #include "fake_adapters.h"
 #include "linesim_control.h"
@@ -19,6 +22,7 @@
 
 using namespace kal;
 using namespace kal::test;
+using ::testing::AllOf;
 using ::testing::EndsWith;
 using ::testing::HasSubstr;
 using ::testing::MatchesRegex;
@@ -98,6 +102,30 @@ TEST_F(KalctlDaemonTest, LinesListsTheAdaptersWithTheirTypes) {
     const auto o = kalctl({"lines"});
     EXPECT_EQ(o.status, 0) << o.err;
     EXPECT_EQ(o.out, "KL1001  type 1\nZR2002  type 2 (enhanced)\n") << o.err;
+}
+
+// A tagged voice modem beside the adapters: the daemon starts the type-3
+// program for it (here the simulator, installed under that name).
+class KalctlVoiceModemTest : public KalctlDaemonTest {
+  protected:
+    void SetUp() override {
+        make_dirs(resources_dir());
+        std::filesystem::create_symlink(bin_path("kal-linesim"), v253_linemonitor_path());
+        modem_ = ports_.add_voice_modem_port();
+        KalctlDaemonTest::SetUp();
+    }
+    VoiceModemPort modem_;
+};
+
+TEST_F(KalctlVoiceModemTest, LinesShowsTheVoiceModemStartedWithItsOwnProgram) {
+    const auto o = kalctl({"lines"});
+    EXPECT_EQ(o.status, 0) << o.err;
+    EXPECT_THAT(o.out, HasSubstr("12345678  type 3 (voice modem)\n"));
+    EXPECT_THAT(o.out, HasSubstr("KL1001    type 1\n"));
+    LineSimControl line("12345678");
+    EXPECT_THAT(line.send("orders"),
+                AllOf(HasSubstr(" line=" + modem_.devnode + " "), HasSubstr("extra=\"type=3\""),
+                      HasSubstr("program=V253LineMonitor")));
 }
 
 TEST_F(KalctlDaemonTest, MonitorPrintsARingAsItHappens) {
