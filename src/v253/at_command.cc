@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cctype>
 
+#include "v253/text.h"
+
 namespace v253 {
 
 namespace {
@@ -18,14 +20,6 @@ constexpr ResultName kResults[] = {
     {AtResult::Busy, "BUSY"},          {AtResult::NoDialtone, "NO DIALTONE"},
     {AtResult::NoAnswer, "NO ANSWER"},
 };
-
-std::string_view trim(std::string_view s) {
-    while (!s.empty() && isspace(static_cast<unsigned char>(s.front())))
-        s.remove_prefix(1);
-    while (!s.empty() && isspace(static_cast<unsigned char>(s.back())))
-        s.remove_suffix(1);
-    return s;
-}
 
 }  // namespace
 

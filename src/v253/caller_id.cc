@@ -1,20 +1,8 @@
 #include "v253/caller_id.h"
 
-#include <cctype>
+#include "v253/text.h"
 
 namespace v253 {
-
-namespace {
-
-std::string_view trim(std::string_view s) {
-    while (!s.empty() && isspace(static_cast<unsigned char>(s.front())))
-        s.remove_prefix(1);
-    while (!s.empty() && isspace(static_cast<unsigned char>(s.back())))
-        s.remove_suffix(1);
-    return s;
-}
-
-}  // namespace
 
 std::optional<CallerIdField> parse_caller_id_field(std::string_view line) {
     const size_t eq = line.find('=');

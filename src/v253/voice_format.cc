@@ -4,6 +4,8 @@
 #include <cctype>
 #include <cstdlib>
 
+#include "v253/text.h"
+
 namespace v253 {
 
 namespace {
@@ -27,11 +29,8 @@ std::vector<std::string> split_fields(const std::string& s) {
         }
         out.back() += c;
     }
-    for (auto& f : out) {
-        size_t b = f.find_first_not_of(" \t");
-        size_t e = f.find_last_not_of(" \t");
-        f = b == std::string::npos ? std::string() : f.substr(b, e - b + 1);
-    }
+    for (auto& f : out)
+        f = std::string(trim(f));
     return out;
 }
 
