@@ -158,7 +158,7 @@ void ModemLine::start(Clock::time_point now) {
         if (o.kind == AtOutcome::Kind::TimedOut)
             return fail(kExitModemSilent, "the modem did not answer AT+VCID=1");
         if (!o.ok())
-            choose_caller_id(now_);
+            choose_caller_id();
     });
     at_.queue("AT+VSM=?", {AtResult::Ok}, kCommandTimeout, [this](const AtOutcome& o) {
         if (o.kind == AtOutcome::Kind::TimedOut)
@@ -183,7 +183,7 @@ void ModemLine::init_step(std::string command, std::initializer_list<AtResult> a
     });
 }
 
-void ModemLine::choose_caller_id(Clock::time_point) {
+void ModemLine::choose_caller_id() {
     // The command some makers had before the voice standard named one.
     at_.queue("AT#CID=1", {AtResult::Ok}, kCommandTimeout, [this](const AtOutcome& o) {
         if (o.kind == AtOutcome::Kind::TimedOut)
@@ -234,10 +234,10 @@ void ModemLine::init_done() {
     at_.queue("AT", {AtResult::Ok}, kCommandTimeout, [this](const AtOutcome& o) {
         if (!o.ok())
             return fail(kExitModemSilent, "the modem stopped answering after its set-up");
-        // Audio asked for meanwhile has started already: its commands queued
-        // behind the set-up.
-        if (state_ == State::Initialising)
-            set_state(State::Idle, "the modem is in voice mode");
+        set_state(State::Idle, "the modem is in voice mode");
+        // What the daemon asked for meanwhile, in its order.
+        for (const std::string& c : std::exchange(deferred_, {}))
+            handle_command(c.data(), c.size(), now_);
     });
 }
 
@@ -324,7 +324,7 @@ void ModemLine::on_event(char code, Clock::time_point now) {
         receiving_ = false;
         if (state_ == State::Recording) {  // the modem ended it on its own
             set_state(State::Ending, "the modem ended the recording");
-            expect_audio_end(now);
+            expect_audio_end();
         }
         return;
     }
@@ -382,19 +382,25 @@ void ModemLine::handle_command(const char* data, size_t len, Clock::time_point n
              len, len ? static_cast<unsigned char>(data[0]) : 0);
         return;
     }
+    // Commands for the modem wait until it is in voice mode; the deadman
+    // runs from when it was asked for.
+    if (state_ == State::Initialising && data[0] != lm::kCmdDeadman) {
+        deferred_.emplace_back(data, len);
+        return;
+    }
     switch (data[0]) {
         case lm::kCmdPlay:
         case lm::kCmdRecord:
             return start_audio(data[0] == lm::kCmdRecord,
-                               lm::parse_audio_request(data + 1, len - 1), now);
+                               lm::parse_audio_request(data + 1, len - 1));
         case lm::kCmdCancelAudio:
             return stop_audio(lm::kAudioStopped, lm::kCmdCancelAudio, now);
         case lm::kCmdHangup:
             return hang_up(now);
         case lm::kCmdDial:
-            return dial(std::string(data + 1, strnlen(data + 1, len - 1)), now);
+            return dial(std::string(data + 1, strnlen(data + 1, len - 1)));
         case lm::kCmdCall:
-            return call(lm::parse_call_request(data + 1, len - 1), now);
+            return call(lm::parse_call_request(data + 1, len - 1));
         case lm::kCmdDeadman: {
             const int32_t secs = lm::get_i32(data, len, 1);
             if (secs > 0)
@@ -404,7 +410,7 @@ void ModemLine::handle_command(const char* data, size_t len, Clock::time_point n
             return;
         }
         case lm::kCmdBeep:
-            return beep(now);
+            return beep();
         case lm::kCmdTRV:
             vlog(kLogNotice,
                  "%s: a timed line reversal was asked for; a voice modem cannot "
@@ -414,7 +420,7 @@ void ModemLine::handle_command(const char* data, size_t len, Clock::time_point n
     }
 }
 
-void ModemLine::start_audio(bool record, const lm::lm_audio_request& req, Clock::time_point now) {
+void ModemLine::start_audio(bool record, const lm::lm_audio_request& req) {
     if (audio_)
         return reply(req.token, lm::kAudioBusy);
     Audio a;
@@ -442,14 +448,14 @@ void ModemLine::start_audio(bool record, const lm::lm_audio_request& req, Clock:
     audio_ = std::move(a);
     set_state(State::Starting, record ? "record" : "play");
     if (dial_first)
-        dial(req.firstDialing, now);
+        dial(req.firstDialing);
     else if (!seized_)
-        seize(now);
+        seize();
     at_.queue(record ? "AT+VRX" : "AT+VTX", {AtResult::Connect}, kCommandTimeout,
               [this](const AtOutcome& o) { audio_connected(o, now_); });
 }
 
-void ModemLine::seize(Clock::time_point) {
+void ModemLine::seize() {
     at_.queue("AT+VLS=" + std::to_string(line_selection_), {AtResult::Ok, AtResult::Vcon},
               kCommandTimeout, [this](const AtOutcome& o) {
                   if (call_step_ok(o, "taking the line off hook")) {
@@ -515,12 +521,12 @@ void ModemLine::stop_audio(int32_t status, char stop_char, Clock::time_point now
             out_.drop_audio();
             out_.to_modem(kFlushPlay);
             set_state(State::Ending, "play stopped");
-            return expect_audio_end(now);
+            return expect_audio_end();
         case State::Recording:
             audio_->stop = r;
             out_.to_modem(kStopRecord);
             set_state(State::Ending, "recording stopped");
-            return expect_audio_end(now);
+            return expect_audio_end();
         case State::Pausing:
             return finish_audio(r, now);
         default:  // starting or ending: the first reason stands
@@ -530,10 +536,9 @@ void ModemLine::stop_audio(int32_t status, char stop_char, Clock::time_point now
     }
 }
 
-void ModemLine::expect_audio_end(Clock::time_point now) {
+void ModemLine::expect_audio_end() {
     at_.expect_first({AtResult::Ok, AtResult::Vcon}, kAudioEndTimeout,
                      [this](const AtOutcome& o) { audio_ended(o, now_); });
-    (void)now;
 }
 
 std::string ModemLine::next_audio(size_t max, Clock::time_point now) {
@@ -552,7 +557,7 @@ std::string ModemLine::next_audio(size_t max, Clock::time_point now) {
         audio_->file_done = true;
         out_.to_modem(kEndOfPlay);
         set_state(State::Ending, "end of the file");
-        expect_audio_end(now);
+        expect_audio_end();
         at_.pump(now);
         return {};
     }
@@ -605,7 +610,7 @@ void ModemLine::finish_audio(lm::lm_audio_response r, Clock::time_point now) {
     }
 }
 
-void ModemLine::dial(const std::string& digits, Clock::time_point) {
+void ModemLine::dial(const std::string& digits) {
     const std::string d = dialable(digits);
     if (d.empty()) {
         vlog(kLogNotice, "%s: nothing to dial in \"%s\"", name_.c_str(), digits.c_str());
@@ -626,8 +631,8 @@ void ModemLine::dial(const std::string& digits, Clock::time_point) {
     });
 }
 
-void ModemLine::call(const lm::lm_call_request& req, Clock::time_point now) {
-    dial(req.number, now);
+void ModemLine::call(const lm::lm_call_request& req) {
+    dial(req.number);
     // Answered once the dial above has been answered: the call is placed.
     std::string token = req.token;
     at_.queue("AT", {AtResult::Ok}, kCommandTimeout, [this, token](const AtOutcome& o) {
@@ -650,7 +655,7 @@ void ModemLine::hang_up(Clock::time_point now) {
     });
 }
 
-void ModemLine::beep(Clock::time_point) {
+void ModemLine::beep() {
     if (!seized_ || audio_ || state_ != State::Idle) {
         vlog(kLogNotice, "%s: beep asked for %s; not sent", name_.c_str(),
              audio_ ? "during audio" : "with the line on hook");

@@ -13,6 +13,7 @@
 // unsigned linear, 8000 Hz), the line selection labelled "T", silence
 // detection, no inactivity hang-up (the daemon's deadman does that).
 // Every step must be answered; a refused format ends the program.
+// Commands that come meanwhile wait for the end of it.
 //
 // Line to daemon: RING -> R; the caller-ID block -> one X with "number
 // name"; DLE digits -> #; local handset off/on hook -> P/p; the other DLE
@@ -138,7 +139,7 @@ class ModemLine {
     // Start-up.
     void init_step(std::string command, std::initializer_list<AtResult> accept,
                    std::chrono::milliseconds timeout = std::chrono::seconds(5));
-    void choose_caller_id(Clock::time_point now);
+    void choose_caller_id();
     void try_voice_format(std::vector<int> methods, size_t index);
     void init_done();
 
@@ -154,17 +155,17 @@ class ModemLine {
 
     // Commands.
     void handle_command(const char* data, size_t len, Clock::time_point now);
-    void start_audio(bool record, const lm::lm_audio_request& req, Clock::time_point now);
+    void start_audio(bool record, const lm::lm_audio_request& req);
     void audio_connected(const AtOutcome& o, Clock::time_point now);
     void stop_audio(int32_t status, char stop_char, Clock::time_point now);
-    void expect_audio_end(Clock::time_point now);
+    void expect_audio_end();
     void audio_ended(const AtOutcome& o, Clock::time_point now);
     void finish_audio(lm::lm_audio_response r, Clock::time_point now);
-    void seize(Clock::time_point now);
-    void dial(const std::string& digits, Clock::time_point now);
-    void call(const lm::lm_call_request& req, Clock::time_point now);
+    void seize();
+    void dial(const std::string& digits);
+    void call(const lm::lm_call_request& req);
     void hang_up(Clock::time_point now);
-    void beep(Clock::time_point now);
+    void beep();
     // A command the modem must answer during a call: a refusal is logged,
     // silence ends the program.
     bool call_step_ok(const AtOutcome& o, const char* what);
@@ -186,6 +187,7 @@ class ModemLine {
     bool skip_lf_ = false;    // the LF of "CONNECT\r\n" before the first sample
     bool hangup_after_audio_ = false;
     std::optional<Audio> audio_;
+    std::vector<std::string> deferred_;  // commands that came during start-up
     std::optional<Clock::time_point> ring_end_;
     std::optional<Clock::time_point> caller_id_due_;
     std::optional<Clock::time_point> deadman_;

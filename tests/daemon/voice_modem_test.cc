@@ -48,9 +48,10 @@ class VoiceModemDaemonTest : public DaemonTest {
     // The modem plugged in with `quirks`, the daemon started, a client
     // registered and subscribed to `names`.
     void start(std::vector<std::string> quirks = {},
-               std::vector<std::string> names = {"RequestComplete"}) {
+               std::vector<std::string> names = {"RequestComplete"}, double speed = 100) {
         VoiceModemOptions o;
         o.quirks = std::move(quirks);
+        o.speed = speed;
         auto m = ports_.add_voice_modem(o);
         modem_ = &m.sim;
         devnode_ = m.port.devnode;
@@ -195,7 +196,8 @@ TEST_F(VoiceModemDaemonTest, AWholeVoicemailCallOnTheModem) {
 }
 
 TEST_F(VoiceModemDaemonTest, AStopDigitEndsTheGreetingAndFaxToneHandsOver) {
-    start({"bracket=on", "dle-sub=on"});
+    // Audio at ten times its speed: the greeting lasts long enough to be interrupted.
+    start({"bracket=on", "dle-sub=on"}, {"RequestComplete"}, 10);
     wait_modem_ready();
     expect_sim("ring");
     const std::string long_greeting = file("long.raw", std::string(8000 * 60, '\x80'));

@@ -52,9 +52,12 @@ class ModemLineTest : public ::testing::Test {
     }
 
     // The start-up dialogue of a modem that lists `vsm`.
+    // (`started`: line.start() has been called already.)
     void start_up(const std::vector<std::string>& vsm, int vsm_choice,
-                  const std::string& vls_line = "1,\"T\",00000000,00000000,00000000") {
-        line.start(now);
+                  const std::string& vls_line = "1,\"T\",00000000,00000000,00000000",
+                  bool started = false) {
+        if (!started)
+            line.start(now);
         answer("ATZ", "\r\nOK\r\n");
         answer("ATE0", "ATE0\r\r\nOK\r\n");  // still echoing until then
         answer("AT+FCLASS=8", "\r\nOK\r\n");
@@ -121,6 +124,15 @@ TEST_F(ModemLineTest, ARefusedFormatEndsTheProgramAfterTryingTheKnownNumbers) {
     EXPECT_FALSE(line.exit_status());
     answer("AT+VSM=128,8000", "\r\nERROR\r\n");
     EXPECT_EQ(line.exit_status(), v253::kExitModemRefused);
+}
+
+TEST_F(ModemLineTest, CommandsDuringStartUpWaitForItInOrder) {
+    line.start(now);
+    command(lm::cmd_dial("5"));
+    command(lm::cmd_hangup());
+    start_up(kConexantList, 1, "1,\"T\",00000000,00000000,00000000", true);
+    answer("ATDT5", "\r\nOK\r\n");
+    answer("ATH", "\r\nOK\r\n");
 }
 
 TEST_F(ModemLineTest, AModemThatStopsAnsweringEndsTheProgram) {

@@ -163,6 +163,7 @@ TEST_F(V253Program, PlaysBytesIntactAndStopsOnADigitWithIt) {
     EXPECT_EQ(ctl->send("played 1"),
               "ok 1080101003"
               "7f");
+    ASSERT_THAT(ctl->send("wait-command AT+VTX"), StartsWith("ok"));  // this play's
 
     // A long play the caller interrupts with a held key: one # event.
     kal::test::write_file(root.path() + "/long.raw", std::string(8000 * 60, '\x80'));
