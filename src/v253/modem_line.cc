@@ -656,11 +656,14 @@ void ModemLine::hang_up(Clock::time_point now) {
 }
 
 void ModemLine::beep() {
-    if (!seized_ || audio_ || state_ != State::Idle) {
+    if (audio_ || (!seized_ && !ringing_ && !handset_off_)) {
         vlog(kLogNotice, "%s: beep asked for %s; not sent", name_.c_str(),
              audio_ ? "during audio" : "with the line on hook");
         return;
     }
+    // A menu that starts with a beep answers a ringing line, as a play does.
+    if (!seized_)
+        seize();
     at_.queue(kBeepCommand, {AtResult::Ok}, kCommandTimeout,
               [this](const AtOutcome& o) { call_step_ok(o, "beeping"); });
 }

@@ -41,8 +41,9 @@
 //             token.
 //   > deadman N > 0: the line is hung up N seconds from now unless renewed;
 //             0 or less disarms it.
-//   ! beep    a 450 Hz tone with +VTS on a seized idle line; otherwise
-//             nothing (logged).
+//   ! beep    a 450 Hz tone with +VTS when no audio runs, answering a
+//             ringing or picked-up line first as P does; on hook or during
+//             audio nothing is sent (logged).
 //   V TRV     a modem cannot reverse the line: logged, nothing sent (the
 //             protocol has no answer to it).
 // Every ^ echoes the request's token; its last int is the number of audio

@@ -252,6 +252,29 @@ TEST_F(VoiceModemDaemonTest, ARecordingWithABeep) {
     EXPECT_TRUE(SameBytes(earlier + beep + modem_->recorded(), got));
 }
 
+TEST_F(VoiceModemDaemonTest, AScriptMenuBeepsAndPlaysTheClientsAnswer) {
+    start({}, {"RequestComplete", "KALPleaseRunActionScriptForCaller"});
+    wait_modem_ready();
+    expect_sim("ring");
+    EXPECT_EQ(
+        client_->call("StartScriptNodeForResource", "ssasass", kSerial, "scr", 0, 1, "1", "").str(),
+        kOK);
+    // The beep answers the ringing line.
+    EXPECT_THAT(sim("wait-command AT+VLS=1"), StartsWith("ok")) << log();
+    EXPECT_THAT(sim("wait-command AT+VTS=[450,0,50]"), StartsWith("ok")) << log();
+    expect_sim("digits 1#");
+    ValueDict run = received("KALPleaseRunActionScriptForCaller", "scr");
+    ASSERT_TRUE(run["KALSequenceNumber"].is<int32_t>()) << log();
+    const std::string answer = file("answer.raw", kTrickyAudio);
+    EXPECT_EQ(client_
+                  ->call("ScriptCompletedForResource", "ssis", kSerial, "scr",
+                         run["KALSequenceNumber"].as<int32_t>(), answer.c_str())
+                  .str(),
+              kOK);
+    expect_sim("wait-command <DLE><ETX>");
+    EXPECT_TRUE(SameBytes(kTrickyAudio, modem_->played()));
+}
+
 TEST_F(VoiceModemDaemonTest, UnpluggingMidRecordingReportsOnceAndLeavesNothing) {
     start();
     wait_modem_ready();

@@ -290,6 +290,11 @@ TEST_F(ModemLineTest, CallsAreAnsweredWithTheirTokenOnceDialled) {
     answer("AT+VTS=1,2", "\r\nOK\r\n");
     command(lm::cmd_beep(1));
     answer("AT+VTS=[450,0,50]", "\r\nOK\r\n");
+    // On hook, with nobody calling, there is nobody to beep at.
+    command(lm::cmd_hangup());
+    answer("ATH", "\r\nOK\r\n");
+    command(lm::cmd_beep(1));
+    EXPECT_EQ(sent(), "");
 }
 
 TEST_F(ModemLineTest, TheDeadmanHangsUpAndHangingUpEndsAudioFirst) {
