@@ -140,6 +140,18 @@ class VoiceModemDaemonTest : public DaemonTest {
         return pid;
     }
 
+    // How many sockets the daemon has open.
+    int daemon_sockets() {
+        const std::string dir = "/proc/" + std::to_string(daemon_->pid()) + "/fd/";
+        int n = 0;
+        for (const auto& f : list_dir(dir)) {
+            std::error_code ec;
+            if (std::filesystem::read_symlink(dir + f, ec).string().rfind("socket:", 0) == 0)
+                ++n;
+        }
+        return n;
+    }
+
     ModemSim* modem_ = nullptr;
     std::string devnode_;
     std::unique_ptr<BusClient> client_;
@@ -284,6 +296,7 @@ TEST_F(VoiceModemDaemonTest, UnpluggingMidRecordingReportsOnceAndLeavesNothing) 
     expect_sim("wait-command AT+VRX");
     const pid_t pid = monitor_pid();
     ASSERT_GT(pid, 0);
+    const int sockets_in_call = daemon_sockets();
     ports_.unplug(devnode_);
     EXPECT_FALSE(completion("vm-5").empty()) << log();
     EXPECT_TRUE(wait_for([&] { return kill(pid, 0) != 0; })) << "the line monitor still runs";
@@ -294,6 +307,9 @@ TEST_F(VoiceModemDaemonTest, UnpluggingMidRecordingReportsOnceAndLeavesNothing) 
     pump_until(
         {client_.get()}, [] { return false; }, std::chrono::milliseconds(500));
     EXPECT_EQ(all("RequestComplete", "vm-5").size(), 1u);
+    // The daemon's end of the line monitor's socket is closed (umockdev's
+    // preload library keeps descriptors of its own, so only sockets count).
+    EXPECT_EQ(daemon_sockets(), sockets_in_call - 1);
 }
 
 TEST_F(VoiceModemDaemonTest, AModemThatRefusesTheVoiceFormatIsGivenUp) {
