@@ -602,7 +602,7 @@ void Modem::transmit_byte(char c, Clock::time_point now) {
     drain_transmit(now);
     Play& play = plays_.back();
     if (etx_) {
-        note("after <DLE><ETX> " + simctl::to_hex(std::string_view(&c, 1)));
+        pending_input_ += c;  // commands for after the playback
         return;
     }
     if (!dle_pending_) {
@@ -723,19 +723,20 @@ void Modem::stream_recording(Clock::time_point now) {
 // ---------------------------------------------------------------------------
 // Time
 
-void Modem::finish_busy() {
-    set_state(State::Command, "timed command done");
-    result(busy_result_.c_str());
+void Modem::back_to_command(const char* why, const std::string& result_code,
+                            Clock::time_point now) {
+    set_state(State::Command, why);
+    result(result_code.c_str());
     std::string input = std::exchange(pending_input_, {});
     if (!input.empty())
-        on_host_bytes(input, busy_until_);
+        on_host_bytes(input, now);
 }
 
 void Modem::on_time(Clock::time_point now) {
     switch (state_) {
         case State::Busy:
             if (now >= busy_until_)
-                finish_busy();
+                back_to_command("timed command done", busy_result_, now);
             break;
         case State::Transmit:
             drain_transmit(now);
@@ -745,8 +746,7 @@ void Modem::on_time(Clock::time_point now) {
                 note("<DLE><ETX> play=" + std::to_string(plays_.size()) +
                      " bytes=" + std::to_string(play.bytes.size()) +
                      " discarded=" + std::to_string(play.discarded));
-                set_state(State::Command, "playback done");
-                result(quirks_.vcon ? "VCON" : "OK");
+                back_to_command("playback done", quirks_.vcon ? "VCON" : "OK", now);
             }
             break;
         case State::Receive:

@@ -156,7 +156,9 @@ class Modem {
     bool run_extended(const std::string& cmd, Clock::time_point now);
     void reset();
     void go_off_hook();
-    void finish_busy();
+    // The end of a timed command or a playback: its result, then what the
+    // host sent meanwhile.
+    void back_to_command(const char* why, const std::string& result_code, Clock::time_point now);
     std::string off_hook_result() const { return quirks_.vcon ? "VCON" : "OK"; }
     const std::vector<std::string>& vls_labels() const;
     const VoiceFormat* find_format(int cml) const;
@@ -191,7 +193,7 @@ class Modem {
     // Busy: a final result due at busy_until_.
     Clock::time_point busy_until_;
     std::string busy_result_;
-    std::string pending_input_;  // what the host sent meanwhile
+    std::string pending_input_;  // what the host sent meanwhile (also after <DLE><ETX>)
 
     // Transmit.
     bool dle_pending_ = false;
