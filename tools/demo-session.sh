@@ -13,6 +13,10 @@ wait_log() {
 }
 show_log() { grep -E -- "$1" "$log" | sed -E 's/^[A-Z][a-z]{2} [A-Z][a-z]{2} [ 0-9]{2} ([0-9:]{8}) [0-9]{4} /\1 /' | tail -n "${2:-20}"; }
 kalctl() { "$bin/kalctl" "$@"; }
+# The emulated voice modem (USB serial 12345678) and what its line monitor
+# sent it, once it has: the oldest AT command or stream end with that prefix.
+modem() { "$bin/kal-modemsim" ctl -w 10 MODEM "$@"; }
+modem_told() { modem wait-command "$1" | sed -e 's/^ok /  modem got: /'; }
 # What the line monitor of KL1001 was told, once it has been: the oldest
 # command with that character that no earlier wait returned.
 told() {
@@ -42,10 +46,15 @@ for _ in $(seq 1 200); do [ -s "$bus_dir/address" ] && break; sleep 0.05; done
 export DBUS_SYSTEM_BUS_ADDRESS=$(head -n1 "$bus_dir/address")
 echo "DBUS_SYSTEM_BUS_ADDRESS=$DBUS_SYSTEM_BUS_ADDRESS"
 
+step "a V.253 voice modem: kal-modemsim behind the testbed's /dev/ttyACM0"
+"$bin/kal-modemsim" --link "$UMOCKDEV_DIR/dev/ttyACM0" --serial MODEM --speed 20 2>/dev/null &
+modemsim=$!
+modem status
+
 step "starting kaldevicemaster (KAL_ROOT=$KAL_ROOT)"
 KAL_LINESIM_SPEED=20 "$bin/kaldevicemaster" 2>/dev/null &
 daemon=$!
-trap 'kill $daemon $monitor $bus 2>/dev/null || true' EXIT
+trap 'kill $daemon $monitor $modemsim $bus 2>/dev/null || true' EXIT
 monitor=""
 wait_log "Adding logtrasher thread"
 wait_log "Vending Listener"
@@ -160,6 +169,34 @@ finished $pid "$KAL_ROOT/check-1.txt"
 echo "-- the messages folder now:"
 (cd "$messages" && find . -type f | sort | sed 's/^/  /')
 
+step "the same call on the voice modem: ring, caller ID, greeting, 1 for the mailbox, a message"
+modem_told AT+VIT  # the line monitor has set the modem up for voice
+modem callerid 5551234 JANE DOE
+modem ring
+kalctl voicemail 12345678 --greeting "$audio/main.raw" --choices 1,9 --token modem-1 \
+    --wait --timeout 30 >"$KAL_ROOT/modem-1.txt" 2>&1 &
+pid=$!
+modem_told AT+VLS=1
+modem_told AT+VTX
+modem digits 1
+finished $pid "$KAL_ROOT/modem-1.txt"
+echo "-- mailbox 1: its greeting, then the caller speaks for two seconds and hangs up"
+modem audio-tone 2 >/dev/null
+kalctl voicemail 12345678 --greeting "$audio/mailbox.raw" --message "$messages/modem-0001.raw" \
+    --token modem-2 --wait --timeout 30 >"$KAL_ROOT/modem-2.txt" 2>&1 &
+pid=$!
+modem_told AT+VRX
+sleep 0.5
+modem tone busy
+finished $pid "$KAL_ROOT/modem-2.txt"
+sent=$(modem recorded | sed -n 's/^ok //p')
+echo "-- recorded: $(stat -c %s "$messages/modem-0001.raw") bytes in \$KAL_ROOT/messages/modem-0001.raw;" \
+    "the modem sent $((${#sent} / 2))"
+kalctl hangup 12345678
+modem_told ATH
+echo "-- what the client saw of the modem's line:"
+grep -E "(KALRingDetect|KALCallerID) 12345678" "$KAL_ROOT/monitor.txt" || true
+
 step "the line monitor of ZR2002 crashes; the supervisor restarts it"
 sim ZR2002 crash 11 || true
 wait_log "Trying to restart rescanned QLX1"
@@ -176,4 +213,4 @@ wait $daemon || rc=$?
 trap - EXIT
 echo "exit status $rc"
 show_log "quit handler|Goodbye, World!"
-kill $bus 2>/dev/null || true
+kill $modemsim $bus 2>/dev/null || true

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
-# The demo: the daemon with two simulated adapters (umockdev) and the
-# line-monitor simulator, in a private KAL_ROOT. Ring a line, pick up, dial
+# The demo: the daemon with two simulated adapters and an emulated voice
+# modem (umockdev), the line-monitor simulator and the modem emulator, in a
+# private KAL_ROOT. Ring a line, pick up, dial
 # digits; a caller leaves a voicemail, another uses the touch-tone script
 # menu, the owner checks the messages remotely (kalctl answering the
 # daemon's requests); crash a line monitor and watch the daemon restart it,
@@ -24,9 +25,12 @@ mkdir -p "$KAL_ROOT/var/tmp" "$resources" "$KAL_ROOT$(cache_var KAL_STATE_DIR)"
 for program in KALLineMonitor ZRXLineMonitor; do
     ln -s "$KAL_DEMO_BIN/kal-linesim" "$resources/$program"
 done
+# The voice modem gets the real line monitor; kal-modemsim is the modem.
+ln -s "$KAL_DEMO_BIN/V253LineMonitor" "$resources/V253LineMonitor"
 cp build/normal/resources/tone450.raw "$resources/tone450.raw"
 # Keep umockdev's scratch files out of /tmp.
 export TMPDIR=$PWD/build/demo-tmp
 mkdir -p "$TMPDIR"
 
-exec umockdev-run -d data/umockdev/demo-adapters.umockdev -- bash tools/demo-session.sh
+exec umockdev-run -d data/umockdev/demo-adapters.umockdev -d data/umockdev/voice-modem.umockdev \
+    -- bash tools/demo-session.sh

@@ -193,4 +193,36 @@ int32_t play_length_seconds(long long file_bytes) {
     return seconds > INT32_MAX ? INT32_MAX : static_cast<int32_t>(seconds);
 }
 
+size_t command_length(const char* data, size_t len) {
+    if (data == nullptr || len == 0)
+        return 0;
+    auto text_size = [&](size_t offset) {
+        return offset < len ? strnlen(data + offset, len - offset) : 0;
+    };
+    switch (data[0]) {
+        case kCmdDial:
+            return text_size(1) + 2;
+        case kCmdTRV:
+            return len < 5 ? 6 : text_size(5) + 6;
+        case kCmdCall:
+            return 1 + lm_call_request::kSize;
+        case kCmdPlay:
+        case kCmdRecord:
+            return 1 + lm_audio_request::kSize;
+        case kCmdHangup:
+        case kCmdCancelAudio:
+            return 2;
+        case kCmdDeadman:
+        case kCmdBeep:
+            return 5;
+        default:
+            return 0;
+    }
+}
+
+bool command_well_formed(const char* data, size_t len) {
+    const size_t want = command_length(data, len);
+    return want != 0 && want == len;
+}
+
 }  // namespace lm

@@ -136,6 +136,12 @@ std::string cmd_deadman(int32_t seconds);                   // 5
 std::string cmd_beep(int32_t type);                         // 5
 std::string cmd_trv(int32_t vls, const std::string& text);  // text + 6
 
+// The payload length a command needs (from its character and, for `D` and
+// `V`, its text), or 0 for an empty payload or an unknown character.
+size_t command_length(const char* data, size_t len);
+// True when the payload's length is exactly what its command needs.
+bool command_well_formed(const char* data, size_t len);
+
 // Approximate play length in whole seconds: bytes / 8000, rounded up.
 int32_t play_length_seconds(long long file_bytes);
 

@@ -34,29 +34,6 @@ std::string text_at(const char* data, size_t len, size_t offset) {
     return std::string(p, strnlen(p, len - offset));
 }
 
-// Expected payload length of a command, or 0 for an unknown character.
-size_t expected_length(const char* data, size_t len) {
-    switch (data[0]) {
-        case lm::kCmdDial:
-            return text_at(data, len, 1).size() + 2;
-        case lm::kCmdTRV:
-            return len < 5 ? 6 : text_at(data, len, 5).size() + 6;
-        case lm::kCmdCall:
-            return 1 + lm::lm_call_request::kSize;
-        case lm::kCmdPlay:
-        case lm::kCmdRecord:
-            return 1 + lm::lm_audio_request::kSize;
-        case lm::kCmdHangup:
-        case lm::kCmdCancelAudio:
-            return 2;
-        case lm::kCmdDeadman:
-        case lm::kCmdBeep:
-            return 5;
-        default:
-            return 0;
-    }
-}
-
 std::string audio_request_text(const lm::lm_audio_request& r, bool record) {
     std::string s = "path=" + quote(r.path) + " stop=" + quote(r.stopString) +
                     " token=" + quote(r.token) + " flags=" + hex_int(r.flags) +
@@ -94,19 +71,12 @@ std::string quote(std::string_view value) {
     return out + "\"";
 }
 
-bool command_well_formed(const char* data, size_t len) {
-    if (len == 0)
-        return false;
-    size_t want = expected_length(data, len);
-    return want != 0 && want == len;
-}
-
 std::string describe_command(const char* data, size_t len) {
     if (len == 0)
         return "(empty)";
     const std::string head = char_text(data[0]);
     const std::string_view raw(data, len);
-    size_t want = expected_length(data, len);
+    size_t want = lm::command_length(data, len);
     if (want == 0)
         return head + " unknown length=" + std::to_string(len) + " hex=" + to_hex(raw);
     if (want != len)

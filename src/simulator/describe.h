@@ -25,10 +25,6 @@ std::string quote(std::string_view value);
 // and an unknown command character "Z unknown length=3 hex=5a0102".
 std::string describe_command(const char* data, size_t len);
 
-// True when the payload's length is exactly what its command needs. False
-// for an empty payload or an unknown command character.
-bool command_well_formed(const char* data, size_t len);
-
 // A message to the daemon, e.g. "R", "# digit=5", "X text=\"Jane Doe\"",
 // "^ token=12 status=3 stop= extra=16000".
 std::string describe_event(std::string_view payload);

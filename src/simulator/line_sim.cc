@@ -82,7 +82,7 @@ void LineSim::on_message(const char* data, size_t len, Clock::time_point now) {
     std::string text = describe_command(data, len);
     trace("command %s", text.c_str());
     push_capped(received_, Received{len ? data[0] : '\0', std::move(text)});
-    if (!command_well_formed(data, len))
+    if (!lm::command_well_formed(data, len))
         return;
 
     switch (data[0]) {
