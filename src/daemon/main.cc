@@ -75,7 +75,13 @@ int main(int argc, char** argv) {
 
     const std::string path = linemonitor_path();
     kallog(KAL_DEBUG, "Now checking linemonitor binary.");
-    if (access(path.c_str(), R_OK | X_OK) != 0) {
+    // The type-1 program comes with the adapters, not with our package, while
+    // the voice-modem line monitor is ours and always installed. A machine
+    // with only voice modems has no type-1 program, so either one is enough
+    // to run; with neither there is nothing to supervise.
+    const bool canRun = access(path.c_str(), R_OK | X_OK) == 0 ||
+                        access(v253_linemonitor_path().c_str(), R_OK | X_OK) == 0;
+    if (!canRun) {
         kallog(KAL_ERR, "Can't access KALLineMonitor at path %s", path.c_str());
         std::exit(1);
     }

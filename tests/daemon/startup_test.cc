@@ -13,6 +13,7 @@
 using namespace kal;
 using namespace kal::test;
 using ::testing::HasSubstr;
+using ::testing::Not;
 
 namespace {
 
@@ -73,6 +74,18 @@ TEST_F(DaemonStartupTest, MissingLineMonitorProgramExitsOne) {
     const std::string line = "Can't access KALLineMonitor at path " + linemonitor_path();
     EXPECT_THAT(log(), HasSubstr("ERR: " + line + "\n"));
     EXPECT_THAT(read_file(root_.path() + "/stderr.txt"), HasSubstr(line));
+}
+
+TEST_F(DaemonStartupTest, TheVoiceModemLineMonitorAloneIsEnoughToRun) {
+    unlink(linemonitor_path().c_str());
+    write_file(v253_linemonitor_path(), "#!/bin/sh\n", 0755);
+    auto daemon = start_daemon();
+    ASSERT_TRUE(wait_until_running()) << log();
+    daemon->signal(SIGTERM);
+    int status = daemon->wait_exit();
+    ASSERT_TRUE(WIFEXITED(status)) << status;
+    EXPECT_EQ(WEXITSTATUS(status), 0);
+    EXPECT_THAT(log(), Not(HasSubstr("Can't access KALLineMonitor")));
 }
 
 TEST_F(DaemonStartupTest, NonExecutableLineMonitorProgramExitsOne) {
