@@ -85,13 +85,22 @@ std::string FakeAdapters::add_builtin_port() {
 }
 
 void FakeAdapters::unplug(const std::string& devnode) {
+    remove(devnode, true);
+}
+
+void FakeAdapters::forget(const std::string& devnode) {
+    remove(devnode, false);
+}
+
+void FakeAdapters::remove(const std::string& devnode, bool announce) {
     auto it = std::find_if(ports_.begin(), ports_.end(),
                            [&](const Port& p) { return p.devnode == devnode; });
     if (it == ports_.end())
         throw std::runtime_error("no fake port at " + devnode);
     // Listeners learn of the removal only from the uevent; taking the
     // directories away is silent.
-    umockdev_testbed_uevent(testbed_, it->tty_syspath.c_str(), "remove");
+    if (announce)
+        umockdev_testbed_uevent(testbed_, it->tty_syspath.c_str(), "remove");
     umockdev_testbed_remove_device(testbed_, it->tty_syspath.c_str());
     if (it->top_syspath != it->tty_syspath)
         umockdev_testbed_remove_device(testbed_, it->top_syspath.c_str());

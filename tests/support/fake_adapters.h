@@ -37,6 +37,10 @@ class FakeAdapters {
     // Sends "remove" for the tty at `devnode`, then takes it and its USB
     // device out of the testbed.
     void unplug(const std::string& devnode);
+    // Takes the tty at `devnode` and its USB device out of the testbed
+    // without a "remove": what a scan sees between a device leaving sysfs
+    // and udev announcing it.
+    void forget(const std::string& devnode);
 
   private:
     struct Port {
@@ -45,6 +49,7 @@ class FakeAdapters {
         std::string top_syspath;  // the USB device, or the tty itself
     };
     std::string add(const std::string& description, Port port);
+    void remove(const std::string& devnode, bool announce);
 
     _UMockdevTestbed* testbed_ = nullptr;
     std::vector<Port> ports_;

@@ -136,4 +136,34 @@ int ChildProcess::wait_exit(std::chrono::milliseconds deadline) {
     return status;
 }
 
+std::vector<ProcessInfo> children_of(pid_t parent) {
+    std::vector<ProcessInfo> children;
+    for (const std::string& name : list_dir("/proc")) {
+        if (name.empty() || name.find_first_not_of("0123456789") != std::string::npos)
+            continue;
+        // "pid (comm) state ppid ...": comm may hold blanks and parentheses.
+        const std::string stat = read_file("/proc/" + name + "/stat");
+        const size_t close = stat.rfind(')');
+        if (close == std::string::npos)
+            continue;
+        std::istringstream rest(stat.substr(close + 1));
+        char state = 0;
+        pid_t ppid = -1;
+        if (!(rest >> state >> ppid) || ppid != parent)
+            continue;
+        ProcessInfo info;
+        info.pid = static_cast<pid_t>(std::stol(name));
+        info.zombie = state == 'Z';
+        std::istringstream cmdline(read_file("/proc/" + name + "/cmdline"));
+        for (std::string arg; std::getline(cmdline, arg, '\0');)
+            info.argv.push_back(arg);
+        children.push_back(std::move(info));
+    }
+    return children;
+}
+
+int open_descriptor_count(pid_t pid) {
+    return static_cast<int>(list_dir("/proc/" + std::to_string(pid) + "/fd").size());
+}
+
 }  // namespace kal::test
