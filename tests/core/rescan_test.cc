@@ -142,32 +142,6 @@ TEST_F(RescanTest, ChangedCalloutPathIsAVanishedAdapterPlusANewOne) {
     EXPECT_TRUE(LineSimControl("KL0303").connected());
 }
 
-// A line monitor of our own making: it waits for a signal, holding only
-// its end of `socket`; returns its pid.
-pid_t waiting_child(int socket) {
-    const pid_t child = fork();
-    if (child == 0) {
-        signal(SIGHUP, SIG_DFL);
-        sigset_t none;
-        sigemptyset(&none);
-        sigprocmask(SIG_SETMASK, &none, nullptr);
-        if (socket != 3)
-            dup2(socket, 3);
-        close_range(4, ~0U, 0);
-        pause();
-        _exit(0);
-    }
-    return child;
-}
-
-// The signal that ended `child`, or 0 when it did not end by one in time.
-int ending_signal(pid_t child) {
-    int status = 0;
-    if (!wait_for([&] { return waitpid(child, &status, WNOHANG) == child; }))
-        return 0;
-    return WIFSIGNALED(status) ? WTERMSIG(status) : 0;
-}
-
 // Whether the other end of `peer` has been closed.
 bool peer_closed(int peer) {
     char byte;
@@ -195,7 +169,7 @@ TEST_F(RescanTest, VanishedAdapterWithARunningLineMonitorIsHungUpAndItsSocketClo
     int sv[2];
     ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, sv), 0);
     unique_fd peer(sv[1]);
-    const pid_t child = waiting_child(peer.get());
+    const pid_t child = fork_waiting_child(peer.get());
     // Never a port in the testbed: the adapter is gone, its "remove" to come.
     qlx rec = old_record("/dev/ttyUSB77", "KL0606", QLX_STATUS_UP);
     rec.fd.reset(sv[0]);
@@ -205,10 +179,7 @@ TEST_F(RescanTest, VanishedAdapterWithARunningLineMonitorIsHungUpAndItsSocketClo
     do_rescan();
     EXPECT_EQ(gLinecount, 0);
     EXPECT_TRUE(peer_closed(peer.get())) << "the dropped record's socket is still open";
-    const int sig = ending_signal(child);
-    if (sig == 0)
-        kill(child, SIGKILL);
-    EXPECT_EQ(sig, SIGHUP);
+    EXPECT_EQ(ending_signal(child), SIGHUP);
 }
 
 TEST_F(RescanTest, NothingHappensWhileAsleep) {

@@ -158,7 +158,7 @@ TEST_F(LineMonitorLifetimeTest, HalfAFrameHangsUpThatLineMonitorAndStallsNothing
     ASSERT_EQ(stalled.send("raw 10000000 5258"), "ok sent 6 raw bytes");
 
     EXPECT_EQ(other.send("ring"), "ok sent R");
-    EXPECT_TRUE(pump_until({&client},
+    ASSERT_TRUE(pump_until({&client},
                            [&] {
                                for (const auto& n : client.received())
                                    if (n.name == kal_RingDetect && n.object.str() == "ZR2002")

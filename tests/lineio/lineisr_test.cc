@@ -209,37 +209,16 @@ TEST_F(LineIsrTest, OffHookStartsTheLinesPendingDialElseAWildcardDial) {
     EXPECT_FALSE(gWildcardDialToken.has_value());
 }
 
-// A line monitor of line 0 that waits for a signal; returns its wait status.
+// Line 0 with a line monitor that waits for a signal.
 class LineIsrChildTest : public LineIsrTest {
   protected:
     void SetUp() override {
         LineIsrTest::SetUp();
-        child_ = fork();
-        if (child_ == 0) {
-            // Whoever started us may have ignored or blocked it.
-            signal(SIGHUP, SIG_DFL);
-            sigset_t none;
-            sigemptyset(&none);
-            sigprocmask(SIG_SETMASK, &none, nullptr);
-            close_range(3, ~0U, 0);  // our copy of the line's socket would hide its end
-            pause();
-            _exit(0);
-        }
+        child_ = test::fork_waiting_child();
         gLines[0].pid = child_;
     }
-    void TearDown() override {
-        if (!reaped_)
-            kill(child_, SIGKILL);
-        LineIsrTest::TearDown();
-    }
-    // The signal that ended the line monitor, or 0 when none did in time.
-    int ending_signal() {
-        int status = 0;
-        reaped_ = test::wait_for([&] { return waitpid(child_, &status, WNOHANG) == child_; });
-        return reaped_ && WIFSIGNALED(status) ? WTERMSIG(status) : 0;
-    }
+    int ending_signal() { return test::ending_signal(child_); }
     pid_t child_ = -1;
-    bool reaped_ = false;
 };
 
 TEST_F(LineIsrChildTest, EndOfFileHangsUpTheLineMonitor) {

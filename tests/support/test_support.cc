@@ -166,4 +166,31 @@ int open_descriptor_count(pid_t pid) {
     return static_cast<int>(list_dir("/proc/" + std::to_string(pid) + "/fd").size());
 }
 
+pid_t fork_waiting_child(int keep) {
+    const pid_t child = fork();
+    if (child != 0)
+        return child;
+    // Whoever started us may have ignored or blocked signals.
+    for (int sig = 1; sig < 32; ++sig)
+        signal(sig, SIG_DFL);
+    sigset_t none;
+    sigemptyset(&none);
+    sigprocmask(SIG_SETMASK, &none, nullptr);
+    if (keep >= 0 && keep != 3)
+        dup2(keep, 3);
+    close_range(keep >= 0 ? 4 : 3, ~0U, 0);
+    for (;;)
+        pause();
+}
+
+int ending_signal(pid_t child, std::chrono::milliseconds deadline) {
+    int status = 0;
+    if (!wait_for([&] { return waitpid(child, &status, WNOHANG) == child; }, deadline)) {
+        kill(child, SIGKILL);
+        waitpid(child, &status, 0);
+        return 0;
+    }
+    return WIFSIGNALED(status) ? WTERMSIG(status) : 0;
+}
+
 }  // namespace kal::test

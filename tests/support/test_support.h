@@ -51,6 +51,14 @@ std::vector<ProcessInfo> children_of(pid_t parent);
 // How many descriptors `pid` holds open.
 int open_descriptor_count(pid_t pid);
 
+// Forks a child that only waits for a signal, with every signal at its
+// default and none blocked. It keeps no descriptor of ours but `keep` (as
+// its descriptor 3), so that a socket's far end is held by it alone.
+pid_t fork_waiting_child(int keep = -1);
+// Reaps `child` and returns the signal that ended it; 0 when it did not end
+// by a signal within `deadline` (it is then killed).
+int ending_signal(pid_t child, std::chrono::milliseconds deadline = 20s);
+
 // A program built with the project (daemon, simulator, kalctl).
 std::string bin_path(const std::string& name);
 
