@@ -52,12 +52,13 @@ void port_removed(const char* devnode) {
     } else {
         const int status = rec->status();
         kallog(KAL_DEBUG,
-               "Not killing process servicing line %s as status (%d) is not UP. Likely there is "
+               "Not killing process servicing line %s as status (%d-%s) is not UP. Likely there is "
                "actually no valid process on this line.",
-               devnode, status);
+               devnode, status, qlx_status_name(status));
         // No child will die to trigger the rescan that removes a failed line.
         if (status == QLX_STATUS_FAILED) {
-            kallog(KAL_DEBUG, "Forcing rescan to clear status %d QLX", status);
+            kallog(KAL_DEBUG, "Forcing rescan to clear status %d (%s) QLX", status,
+                   qlx_status_name(status));
             wake_for_rescan();
         }
     }

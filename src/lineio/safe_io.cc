@@ -259,8 +259,8 @@ ssize_t read_frame(int fd, void* buffer, size_t size, int timeout, const FrameDe
     // Judged before any payload is read, so a hostile length ends the
     // process at once rather than after the daemon has waited for a buffer
     // full of bytes that may never come.
-    // Plain exit, not dm_exit: the line event thread reads holding the
-    // device-table lock, which dm_exit's teardown would wait for.
+    // Plain exit, not dm_exit: a reader may hold locks (the device table's)
+    // that dm_exit's teardown would wait for.
     if (excess > kDmpMaxExcess) {
         kallog(KAL_ERR, "Couldn't malloc in dmp_read for excess. Quitting.");
         exit(1);
