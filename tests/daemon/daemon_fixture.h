@@ -77,6 +77,13 @@ class DaemonTest : public ::testing::Test {
         }
         return -1;
     }
+    // Whether the daemon's child `pid` is gone: ended and reaped.
+    bool reaped(pid_t pid) const {
+        for (const ProcessInfo& child : children_of(daemon_->pid()))
+            if (child.pid == pid)
+                return false;
+        return true;
+    }
     int daemon_descriptors() const { return open_descriptor_count(daemon_->pid()); }
 
     TempRoot root_;

@@ -173,12 +173,8 @@ TEST_F(LineMonitorLifetimeTest, HalfAFrameHangsUpThatLineMonitorAndStallsNothing
     EXPECT_EQ(client.call("HangUpResource", "ss", "ZR2002", "T").str(), kal_ResponseCode_OK);
     EXPECT_EQ(other.send("wait-command H"), "ok H");
 
-    EXPECT_TRUE(wait_for([&] {
-        for (const ProcessInfo& child : children_of(daemon_->pid()))
-            if (child.pid == stuck)
-                return false;
-        return true;
-    })) << "the stalled line monitor was not hung up and reaped\n"
+    EXPECT_TRUE(wait_for([&] { return reaped(stuck); }))
+        << "the stalled line monitor was not hung up and reaped\n"
         << log();
     EXPECT_THAT(log(), HasSubstr("Sending signal 'hup' to process " + std::to_string(stuck)));
 }

@@ -66,12 +66,8 @@ TEST_F(DaemonLinesTest, UnplugHangsUpTheLineMonitorAndPlugInIsNoticed) {
     ports_.unplug(adapter);
     // A rescan that runs before the port has left the testbed restarts the
     // line: wait for this line monitor, not for the line's.
-    EXPECT_TRUE(wait_for([&] {
-        for (const ProcessInfo& child : children_of(daemon_->pid()))
-            if (child.pid == linemonitor)
-                return false;
-        return true;
-    })) << "the line monitor never got SIGHUP\n"
+    EXPECT_TRUE(wait_for([&] { return reaped(linemonitor); }))
+        << "the line monitor never got SIGHUP\n"
         << log();
     EXPECT_THAT(log(), ContainsRegex("Sending signal 'hup' to process [0-9]+ servicing line " +
                                      adapter + "\\.\n"));
