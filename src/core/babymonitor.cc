@@ -96,23 +96,20 @@ void* babymonitor(void*) {
         }
         unlock_system_state();
 
-        lock_device_table(1);
-        for (int i = 0; i < gLinecount; ++i) {
-            qlx& rec = gLines[i];
-            if (rec.pid != pid)
-                continue;
-            rec.pid = -1;
-            gMustRescan = 1;
-            report_disconnected_resource(rec.serial);
-            if (auto node = rec.node.lock()) {
-                kallog(KAL_DEVEL, "notifying node %p - device lost",
-                       static_cast<void*>(node.get()));
-                node_devicelost(*node);
+        {
+            DeviceTableLock lock(kTableChange);
+            if (qlx* rec = line_by_pid(pid)) {
+                rec->pid = -1;
+                gMustRescan = 1;
+                report_disconnected_resource(rec->serial);
+                if (auto node = rec->node.lock()) {
+                    kallog(KAL_DEVEL, "notifying node %p - device lost",
+                           static_cast<void*>(node.get()));
+                    node_devicelost(*node);
+                }
+                verdict = restart_decision(*rec, kal::now());
             }
-            verdict = restart_decision(rec, kal::now());
-            break;
         }
-        unlock_device_table();
 
         log_death(pid, status, verdict);
 
@@ -134,15 +131,15 @@ const char* restart_decision(qlx& rec, time_t now) {
     if (now - rec.lastRestart > kRestartBurstSeconds) {
         rec.lastRestart = now;
         rec.restartCount = 1;
-        rec.status = QLX_STATUS_RESTART;
+        set_line_status(rec, QLX_STATUS_RESTART, "its line monitor died");
         return "Restarting.";
     }
     if (++rec.restartCount < kRestartBurstLimit) {
-        rec.status = QLX_STATUS_RESTART;
+        set_line_status(rec, QLX_STATUS_RESTART, "its line monitor died again");
         rec.lastRestart = now;
         return "Restarting again.";
     }
-    rec.status = QLX_STATUS_ABANDONED;
+    set_line_status(rec, QLX_STATUS_ABANDONED, "its line monitor died too often too fast");
     return "Too many restarts too fast. Permanently abandoning this line.";
 }
 

@@ -38,36 +38,30 @@ void port_removed(const char* devnode) {
     }
     kallog(KAL_DEBUG,
            "IOSerialDevice for path %s unplugged. Searching for this device in our table", devnode);
-    lock_device_table(0);
-    int index = -1;
-    for (int i = 0; i < gLinecount; ++i) {
-        if (gLines[i].calloutDevice == devnode) {
-            index = i;
-            break;
-        }
-    }
-    if (index < 0) {
+    DeviceTableLock lock(kTableRead);
+    const qlx* rec = line_by_callout(devnode);
+    if (!rec) {
         kallog(KAL_WARN,
                "IOSerialDevice %s terminated but couldn't match it in the device table. Likely not "
                "a QLX.",
                devnode);
-    } else if (gLines[index].status == QLX_STATUS_UP) {
+    } else if (rec->status() == QLX_STATUS_UP) {
         // The line monitor exits, the supervisor reaps it and the rescan
         // that follows drops the vanished adapter.
-        kill_qlx(index, SIGHUP);
+        kill_qlx(line_index(*rec), SIGHUP);
     } else {
-        const int status = gLines[index].status;
+        const int status = rec->status();
         kallog(KAL_DEBUG,
-               "Not killing process servicing line %s as status (%d) is not UP. Likely there is "
+               "Not killing process servicing line %s as status (%d-%s) is not UP. Likely there is "
                "actually no valid process on this line.",
-               devnode, status);
+               devnode, status, qlx_status_name(status));
         // No child will die to trigger the rescan that removes a failed line.
         if (status == QLX_STATUS_FAILED) {
-            kallog(KAL_DEBUG, "Forcing rescan to clear status %d QLX", status);
+            kallog(KAL_DEBUG, "Forcing rescan to clear status %d (%s) QLX", status,
+                   qlx_status_name(status));
             wake_for_rescan();
         }
     }
-    unlock_device_table();
 }
 
 }  // namespace

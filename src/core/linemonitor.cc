@@ -7,6 +7,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <utility>
 
 #include "base/paths.h"
 #include "base/unique_fd.h"
@@ -80,7 +81,7 @@ void send_orders(const qlx& record) {
     const std::string bytes = lm::build_orders(orders);
     kallog(KAL_DEBUG, "Orders for new child with pid %d: line '%s', serial '%s', extra '%s'",
            record.pid, orders.line.c_str(), orders.serial.c_str(), orders.extra.c_str());
-    if (safe_write(record.fd, bytes.data(), bytes.size()) <
+    if (safe_write(record.fd.get(), bytes.data(), bytes.size()) <
         static_cast<ssize_t>(lm::lm_orders::kSize))
         kallog(KAL_WARN, "Couldn't write orders to new child with pid %d", record.pid);
 }
@@ -145,18 +146,18 @@ int spawn_linemonitor(const std::string& path, const char* argv0, const std::str
     childs_end.reset();
     kallog(KAL_DEBUG, "Returning linecomm fd=%d", ours.get());
 
-    record->status = QLX_STATUS_UP;
+    set_line_status(*record, QLX_STATUS_UP, "line monitor started");
     record->pid = pid;
-    record->fd = ours.release();
+    record->fd = std::move(ours);
 
     report_available_resource(record->serial);
     send_orders(*record);
 
     kallog(KAL_DEBUG, "Setting O_NONBLOCK for new child");
-    if (fcntl(record->fd, F_SETFL, O_NONBLOCK) < 0) {
+    if (fcntl(record->fd.get(), F_SETFL, O_NONBLOCK) < 0) {
         int e = errno;
         kallog(KAL_ERR, "Error setting O_NONBLOCK for qlx fd %d: %d-%s. Killing child.).\n",
-               record->fd, e, strerror(e));
+               record->fd.get(), e, strerror(e));
         // The record stays up: the supervisor sees the child die and acts.
         if (record->pid > 0 && ::kill(record->pid, SIGINT) != 0) {
             e = errno;
@@ -167,5 +168,5 @@ int spawn_linemonitor(const std::string& path, const char* argv0, const std::str
     // A supervisor must run whenever a child exists; one that just ended
     // for lack of children is started again here.
     start_babymonitor();
-    return record->fd;
+    return record->fd.get();
 }

@@ -41,8 +41,7 @@ void kill_children_with_signal(int signal) {
         gSystemState = kSystemShuttingDown;
         unlock_system_state();
     }
-    lock_device_table(0);
+    DeviceTableLock lock(kTableRead);
     for (int i = 0; i < gLinecount; ++i)
         kill_qlx(i, signal);
-    unlock_device_table();
 }

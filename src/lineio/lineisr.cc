@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <memory>
@@ -36,6 +37,9 @@ namespace {
 // the supervisor of the device-table lock it needs. They are watched no
 // more until the next rescan closes or replaces them. Line event thread only.
 std::set<int>& ended_fds = *new std::set<int>;
+
+// How long a line monitor may take to finish a message it has begun.
+std::atomic<int> frame_limit_ms{1000};
 
 int descriptor_table_size() {
     struct rlimit rl {};
@@ -70,16 +74,15 @@ void start_lineisr() {
 
 FdBounds calc_fdbounds() {
     FdBounds b{0, descriptor_table_size()};
-    lock_device_table(0);
-    for (int i = 0; i < gLinecount; ++i) {
-        if (gLines[i].status != QLX_STATUS_UP)
-            continue;
-        if (gLines[i].fd > b.maxfd)
-            b.maxfd = gLines[i].fd;
-        if (gLines[i].fd < b.minqlxfd)
-            b.minqlxfd = gLines[i].fd;
+    {
+        DeviceTableLock lock(kTableRead);
+        for (const qlx& rec : gLines) {
+            if (rec.status() != QLX_STATUS_UP)
+                continue;
+            b.maxfd = std::max(b.maxfd, rec.fd.get());
+            b.minqlxfd = std::min(b.minqlxfd, rec.fd.get());
+        }
     }
-    unlock_device_table();
     if (lmthread_babymonitor_socket_private > b.maxfd)
         b.maxfd = lmthread_babymonitor_socket_private;
     if (lmthread_userisr_socket_private > b.maxfd)
@@ -93,14 +96,15 @@ void lineisr_pass(FdBounds& bounds) {
     std::vector<pollfd> fds;
     fds.push_back({lmthread_babymonitor_socket_private, POLLIN, 0});
     fds.push_back({lmthread_userisr_socket_private, POLLIN, 0});
-    lock_device_table(0);
-    for (int i = 0; i < gLinecount; ++i) {
-        const int fd = gLines[i].fd;
-        if (gLines[i].status == QLX_STATUS_UP && fd >= 0 && fd <= bounds.maxfd &&
-            !ended_fds.count(fd))
-            fds.push_back({fd, POLLIN, 0});
+    {
+        DeviceTableLock lock(kTableRead);
+        for (const qlx& rec : gLines) {
+            const int fd = rec.fd.get();
+            if (rec.status() == QLX_STATUS_UP && fd >= 0 && fd <= bounds.maxfd &&
+                !ended_fds.count(fd))
+                fds.push_back({fd, POLLIN, 0});
+        }
     }
-    unlock_device_table();
 
     int ready = poll(fds.data(), fds.size(), -1);
     if (ready < 0) {
@@ -163,26 +167,40 @@ void lineisr_pass(FdBounds& bounds) {
         service_lineisr(fd);
 }
 
+void set_line_frame_limit(std::chrono::milliseconds limit) {
+    frame_limit_ms = static_cast<int>(limit.count());
+}
+
 void service_lineisr(int fd) {
-    lock_device_table(0);
-    int index = -1;
-    for (int i = 0; i < gLinecount; ++i) {
-        if (gLines[i].fd == fd) {
-            index = i;
-            break;
+    int index;
+    {
+        DeviceTableLock lock(kTableRead);
+        const qlx* rec = line_by_fd(fd);
+        if (!rec) {
+            kallog(KAL_ERR,
+                   "Message received on linefd %d but no such fd in devicetable... ignoring "
+                   "message.",
+                   fd);
+            return;
         }
-    }
-    if (index < 0) {
-        kallog(KAL_ERR,
-               "Message received on linefd %d but no such fd in devicetable... ignoring message.",
-               fd);
-        unlock_device_table();
-        return;
+        index = line_index(*rec);
     }
     kallog(KAL_DEVEL, "Message received from QLX%d.", index);
-    // One spare byte keeps even a full 4096-byte payload NUL-terminated.
-    char buffer[lm::kEventBufferSize + 1] = {};
-    ssize_t n = dmp_read(fd, buffer, lm::kEventBufferSize, -1);
+
+    // The frame is read without the device-table lock, and a frame that is
+    // not complete within the limit counts as a dead line monitor: one that
+    // starts a message and then hangs, alive and with its socket open, must
+    // not stop the other lines and every client needing the table with it.
+    // The socket stays open meanwhile: only a rescan closes line sockets,
+    // and rescans run on this thread.
+    const int limit_ms = frame_limit_ms;
+    char buffer[lm::kEventBufferSize];
+    ssize_t n = dmp_read_within(fd, buffer, sizeof buffer, std::chrono::milliseconds(limit_ms));
+    if (n < 0 && errno == ETIMEDOUT) {
+        kallog(KAL_ERR, "QLX%d left a message unfinished for %d ms. Treating it as dead.", index,
+               limit_ms);
+        n = 0;
+    }
     // A line monitor that dies with our commands still unread in its socket
     // leaves us a reset instead of an end of file. It is the same death, and
     // must not take the daemon down with it.
@@ -192,25 +210,40 @@ void service_lineisr(int fd) {
         int e = errno;
         kallog(KAL_ERR, "LineISR: Error draining QLX%d signal. Quitting. (%d-%s)", index, e,
                strerror(e));
-        unlock_device_table();
         dm_exit(1);
     }
-    const int length = static_cast<int>(n);
-    kallog(KAL_DEBUG, "Read %d bytes from QLX%d: '%s'", length, index, buffer);
-    if (length == 0) {
+    if (n == 0) {
         kallog(KAL_ERR, "Read EOF from QLX%d. Killing child process.", index);
-        kill_qlx(index, SIGHUP);
+        DeviceTableLock lock(kTableRead);
+        if (const qlx* rec = line_by_fd(fd))
+            kill_qlx(line_index(*rec), SIGHUP);
         ended_fds.insert(fd);
-        unlock_device_table();
         return;
     }
-    char serial[80] = {};
-    strncpy(serial, gLines[index].serial.c_str(), sizeof serial - 1);
+    dispatch_line_message(std::string_view(buffer, static_cast<size_t>(n)), index);
+}
 
+void dispatch_line_message(std::string_view message, int index) {
+    // One spare byte keeps even a full 4096-byte payload NUL-terminated.
+    char buffer[lm::kEventBufferSize + 1] = {};
+    const int length = static_cast<int>(std::min(message.size(), lm::kEventBufferSize));
+    memcpy(buffer, message.data(), static_cast<size_t>(length));
+    kallog(KAL_DEBUG, "Read %d bytes from QLX%d: '%s'", length, index, buffer);
+
+    char serial[80] = {};
     // Held across the calls, so a node that detaches itself inside its
     // handler stays alive until we are done with it.
-    std::shared_ptr<LineNode> node = gLines[index].node.lock();
-    unlock_device_table();
+    std::shared_ptr<LineNode> node;
+    {
+        DeviceTableLock lock(kTableRead);
+        const qlx* rec = line_at(index);
+        if (!rec) {
+            kallog(KAL_ERR, "Message for QLX%d, which is not in the device table. Ignored.", index);
+            return;
+        }
+        strncpy(serial, rec->serial.c_str(), sizeof serial - 1);
+        node = rec->node.lock();
+    }
     bool rehandle = false;
     if (node) {
         kallog(KAL_DEVEL, "Dispatching event to node %p", static_cast<void*>(node.get()));
@@ -242,25 +275,24 @@ void react_to_qlx_message(const char* buffer, int length, int index, const char*
         return;
     std::optional<std::string> dial, token;
     std::string serial;
-    lock_device_table(1);
-    if (index >= 0 && index < gLinecount) {
-        qlx& rec = gLines[index];
-        if (rec.pendingDial) {
-            dial = std::exchange(rec.pendingDial, std::nullopt);
-            token = std::exchange(rec.pendingDialToken, std::nullopt);
-            serial = rec.serial;
+    DeviceTableLock lock(kTableChange);
+    if (qlx* rec = line_at(index)) {
+        if (rec->pendingDial) {
+            dial = std::exchange(rec->pendingDial, std::nullopt);
+            token = std::exchange(rec->pendingDialToken, std::nullopt);
+            serial = rec->serial;
         } else if (gWildcardDialPending) {
-            if (!rec.node.expired()) {
+            if (!rec->node.expired()) {
                 kallog(KAL_DEBUG, "Not doing dial on QLX%d because a node is active on that line.",
                        index);
             } else {
                 dial = std::exchange(gWildcardDialPending, std::nullopt);
                 token = std::exchange(gWildcardDialToken, std::nullopt);
-                serial = rec.serial;
+                serial = rec->serial;
             }
         }
     }
-    unlock_device_table();
+    lock.unlock();
     if (!dial)
         return;
     auto todo = std::make_unique<lm_todo>();

@@ -1,5 +1,8 @@
 #pragma once
 
+#include <chrono>
+#include <string_view>
+
 // The line event thread: the only reader of line-monitor messages and the
 // only writer of commands to them. It waits on every running child's socket
 // and on the two wake-up pipes, and within one pass gives a rescan request
@@ -17,8 +20,17 @@ struct FdBounds {
 };
 FdBounds calc_fdbounds();
 
-// Handles one message from the line monitor on `fd`.
+// Handles one message from the line monitor on `fd`. A message begun but
+// not finished within the frame limit (one second unless set otherwise)
+// ends that line monitor as an end of file does.
 void service_lineisr(int fd);
+void set_line_frame_limit(std::chrono::milliseconds limit);
+
+// Hands one message of line `index` (its payload, cut to
+// lm::kEventBufferSize bytes) to the line's node and to the clients, as the
+// message's event requires. Takes the device-table lock only to look the
+// line up; an index not in the table is logged and ignored.
+void dispatch_line_message(std::string_view message, int index);
 
 // Starts a dial that waits for this line (or any line) going off hook.
 void react_to_qlx_message(const char* buffer, int length, int index, const char* serial);

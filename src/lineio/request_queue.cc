@@ -22,13 +22,6 @@ namespace {
 // Guarded by the intra-process lock.
 std::deque<std::unique_ptr<lm_todo>>& todo_queue = *new std::deque<std::unique_ptr<lm_todo>>;
 
-int find_by_serial(const std::string& serial) {
-    for (int i = 0; i < gLinecount; ++i)
-        if (gLines[i].serial == serial)
-            return i;
-    return -1;
-}
-
 // The command for `t`, or nullopt (after logging the discard) when it
 // cannot be sent to adapter `index` (-1: unknown serial).
 std::optional<std::string> build_command(const lm_todo& t, int index) {
@@ -46,7 +39,7 @@ std::optional<std::string> build_command(const lm_todo& t, int index) {
             }
             std::string cmd = lm::cmd_dial(t.data);
             kallog(KAL_DEBUG, "Sending dial command to QLX%d: %s", index, cmd.c_str());
-            const std::string& serial = gLines[index].serial;
+            const std::string& serial = t.serial;
             notify_dial_success(t.token.value_or(""), t.data, serial);
             report_autodialed_digits(t.token.value_or(""), t.data, serial);
             return cmd;
@@ -131,14 +124,14 @@ void service_userisr() {
     todo_queue.pop_front();
     unlock_intrapc();
 
-    lock_device_table(0);
-    const int index = find_by_serial(todo->serial);
+    DeviceTableLock lock(kTableRead);
+    const qlx* rec = line_by_serial(todo->serial);
+    const int index = rec ? line_index(*rec) : -1;
     if (auto cmd = build_command(*todo, index)) {
-        const ssize_t written = dmp_write(gLines[index].fd, cmd->data(), cmd->size());
+        const ssize_t written = dmp_write(rec->fd.get(), cmd->data(), cmd->size());
         if (written != static_cast<ssize_t>(cmd->size())) {
             kallog(KAL_WARN, "Error on write to line monitor. Trying to kill line monitor");
             kill_qlx(index, SIGHUP);
         }
     }
-    unlock_device_table();
 }

@@ -5,10 +5,12 @@
 
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <climits>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <optional>
 
 #include "log/kallog.h"
 
@@ -186,7 +188,51 @@ ssize_t safe_read(int fd, void* buffer, size_t length, const char* stops, int ti
     return static_cast<ssize_t>(got);
 }
 
-ssize_t dmp_read(int fd, void* buffer, size_t size, int timeout) {
+namespace {
+
+// When a frame must be complete, or nothing for no limit.
+using FrameDeadline = std::optional<std::chrono::steady_clock::time_point>;
+
+// Reads `length` bytes, fewer only at an end of file. Without a deadline it
+// waits as long as it takes; with one, a read still short when it passes
+// fails with ETIMEDOUT. Returns the bytes read, or -1.
+ssize_t read_fully(int fd, void* buffer, size_t length, const FrameDeadline& deadline) {
+    if (!deadline)
+        return safe_read(fd, buffer, length, nullptr, -2);
+    char* buf = static_cast<char*>(buffer);
+    size_t got = 0;
+    while (got < length) {
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(
+                              *deadline - std::chrono::steady_clock::now())
+                              .count();
+        if (left <= 0) {
+            errno = ETIMEDOUT;
+            return -1;
+        }
+        // Waiting first also keeps a blocking descriptor from blocking.
+        const int ready = wait_for(fd, POLLIN, left > INT_MAX ? INT_MAX : static_cast<int>(left));
+        if (ready <= 0) {
+            if (ready < 0 && errno != EINTR)
+                return -1;
+            continue;
+        }
+        const ssize_t n = ::read(fd, buf + got, length - got);
+        if (n > 0) {
+            got += static_cast<size_t>(n);
+            continue;
+        }
+        if (n == 0)
+            return static_cast<ssize_t>(got);
+        const int e = errno;
+        if (e != EINTR && !would_block(e)) {
+            kallog(KAL_INFO, "safe_read error: fd=%d - %s(%d)", fd, strerror(e), e);
+            return -1;
+        }
+    }
+    return static_cast<ssize_t>(got);
+}
+
+ssize_t read_frame(int fd, void* buffer, size_t size, int timeout, const FrameDeadline& deadline) {
     unsigned char header_bytes[sizeof(int32_t)];
     ssize_t n = safe_read(fd, header_bytes, sizeof header_bytes, nullptr, timeout);
     if (n <= 0)
@@ -196,7 +242,7 @@ ssize_t dmp_read(int fd, void* buffer, size_t size, int timeout) {
         // that ran out mid-header). It is consumed, so the rest must be read
         // now or the framing is lost.
         const size_t have = static_cast<size_t>(n);
-        n = safe_read(fd, header_bytes + have, sizeof header_bytes - have, nullptr, -2);
+        n = read_fully(fd, header_bytes + have, sizeof header_bytes - have, deadline);
         if (n < 0)
             return -1;
         if (have + static_cast<size_t>(n) < sizeof header_bytes)
@@ -213,14 +259,14 @@ ssize_t dmp_read(int fd, void* buffer, size_t size, int timeout) {
     // Judged before any payload is read, so a hostile length ends the
     // process at once rather than after the daemon has waited for a buffer
     // full of bytes that may never come.
-    // Plain exit, not dm_exit: the line event thread reads holding the
-    // device-table lock, which dm_exit's teardown would wait for.
+    // Plain exit, not dm_exit: a reader may hold locks (the device table's)
+    // that dm_exit's teardown would wait for.
     if (excess > kDmpMaxExcess) {
         kallog(KAL_ERR, "Couldn't malloc in dmp_read for excess. Quitting.");
         exit(1);
     }
 
-    n = safe_read(fd, buffer, want, nullptr, -2);
+    n = read_fully(fd, buffer, want, deadline);
     if (n < 0)
         return -1;
     if (static_cast<size_t>(n) < want)
@@ -234,7 +280,7 @@ ssize_t dmp_read(int fd, void* buffer, size_t size, int timeout) {
     char scrap[4096];
     for (size_t left = excess; left > 0;) {
         const size_t chunk = left < sizeof scrap ? left : sizeof scrap;
-        n = safe_read(fd, scrap, chunk, nullptr, -2);
+        n = read_fully(fd, scrap, chunk, deadline);
         if (n < 0)
             return -1;
         if (static_cast<size_t>(n) < chunk)
@@ -245,6 +291,16 @@ ssize_t dmp_read(int fd, void* buffer, size_t size, int timeout) {
            "Discarded %d excess bytes in dmp_read. Supplied buffer too small to receive them.",
            static_cast<int>(excess));
     return static_cast<ssize_t>(size);
+}
+
+}  // namespace
+
+ssize_t dmp_read(int fd, void* buffer, size_t size, int timeout) {
+    return read_frame(fd, buffer, size, timeout, std::nullopt);
+}
+
+ssize_t dmp_read_within(int fd, void* buffer, size_t size, std::chrono::milliseconds limit) {
+    return read_frame(fd, buffer, size, -1, std::chrono::steady_clock::now() + limit);
 }
 
 ssize_t safe_cleanread(int fd, char* buffer, size_t size, const char* stops, int timeout) {

@@ -18,11 +18,16 @@
 // cut and the rest read off and dropped), 0 for an end of file, a zero-length
 // frame or a frame cut short by an end of file, -1 for an error. An excess
 // above kDmpMaxExcess (so any negative length) ends the process, status 1.
+// dmp_read_within reads one frame from a descriptor that has become
+// readable (no wait for its first byte) as dmp_read does, but the frame
+// must be complete within `limit`: one still short then fails with ETIMEDOUT
+// (what arrived of it is lost, and the framing with it).
 // safe_write waits out EAGAIN; a failing tap ends the process (exit(999)).
 // Each descriptor is used by one thread at a time.
 
 #include <sys/types.h>
 
+#include <chrono>
 #include <cstddef>
 
 // An excess above this is treated as an allocation failure: a hostile
@@ -35,4 +40,5 @@ const char* mempbrk(const char* buffer, size_t length, const char* stops);
 ssize_t dmp_write(int fd, const void* buffer, size_t length);
 ssize_t safe_read(int fd, void* buffer, size_t length, const char* stops, int timeout);
 ssize_t dmp_read(int fd, void* buffer, size_t size, int timeout);
+ssize_t dmp_read_within(int fd, void* buffer, size_t size, std::chrono::milliseconds limit);
 ssize_t safe_cleanread(int fd, char* buffer, size_t size, const char* stops, int timeout);

@@ -19,25 +19,6 @@ namespace {
 std::mutex audiotoken_mutex;  // guards audiotoken
 int audiotoken = Node::kWrappedAudioToken;
 
-// The device-table lock for the span of a scope, unless the caller already
-// holds it (a node torn down by device loss).
-class DeviceTableLock {
-  public:
-    DeviceTableLock(bool alreadyHeld, int intent) : take_(!alreadyHeld) {
-        if (take_)
-            lock_device_table(intent);
-    }
-    ~DeviceTableLock() {
-        if (take_)
-            unlock_device_table();
-    }
-    DeviceTableLock(const DeviceTableLock&) = delete;
-    DeviceTableLock& operator=(const DeviceTableLock&) = delete;
-
-  private:
-    bool take_;
-};
-
 }  // namespace
 
 Node::Node(CreateKey) {}
@@ -57,7 +38,7 @@ int Node::getNextAudioToken() {
 }
 
 std::optional<std::string> Node::lineSerial() const {
-    DeviceTableLock lock(teardownWithoutLocking_, 0);
+    DeviceTableLock lock(kTableRead, teardownWithoutLocking_);
     if (const qlx* record = device_.load())
         return record->serial;
     return replacedOnSerial_;
@@ -74,19 +55,11 @@ bool Node::isNodeOf(const qlx& record) const {
 }
 
 void Node::attachToDeviceTable(const std::string& serial, int type, bool teardownExisting) {
-    lock_device_table(1);
+    DeviceTableLock lock(kTableChange);
     device_ = nullptr;
-    qlx* record = nullptr;
-    for (int i = 0; i < gLinecount; ++i) {
-        if (gLines[i].serial == serial) {
-            record = &gLines[i];
-            break;
-        }
-    }
-    if (record == nullptr) {
-        unlock_device_table();
+    qlx* record = line_by_serial(serial);
+    if (record == nullptr)
         return;
-    }
     device_ = record;
     replacedOnSerial_.reset();
     std::shared_ptr<LineNode> existing = record->node.lock();
@@ -99,7 +72,6 @@ void Node::attachToDeviceTable(const std::string& serial, int type, bool teardow
     }
     record->node = weak_from_this();
     record->nodeType = type;
-    unlock_device_table();
 }
 
 void Node::detachFrom(const qlx& record) {
@@ -165,7 +137,7 @@ void Node::teardown() {
     kallog(KAL_DEBUG, "Tearing down Node %p with device ptr %p", static_cast<void*>(this),
            static_cast<void*>(device_.load()));
     {
-        DeviceTableLock lock(teardownWithoutLocking_, 1);
+        DeviceTableLock lock(kTableChange, teardownWithoutLocking_);
         tornDown_ = true;
         qlx* record = device_.load();
         if (record != nullptr && isNodeOf(*record)) {
@@ -385,15 +357,9 @@ void Node::logStateChange(const char* className, const char* from, const char* t
 }
 
 std::shared_ptr<LineNode> Node::attachedNode(const std::string& serial, int type) {
-    std::shared_ptr<LineNode> node;
-    lock_device_table(0);
-    for (int i = 0; i < gLinecount; ++i) {
-        if (gLines[i].serial == serial) {
-            if (gLines[i].nodeType == type)
-                node = gLines[i].node.lock();
-            break;
-        }
-    }
-    unlock_device_table();
-    return node;
+    DeviceTableLock lock(kTableRead);
+    const qlx* record = line_by_serial(serial);
+    if (record && record->nodeType == type)
+        return record->node.lock();
+    return nullptr;
 }

@@ -39,14 +39,6 @@ namespace kal::requests {
 
 namespace {
 
-class DeviceTableLock {
-  public:
-    explicit DeviceTableLock(int intent) { lock_device_table(intent); }
-    ~DeviceTableLock() { unlock_device_table(); }
-    DeviceTableLock(const DeviceTableLock&) = delete;
-    DeviceTableLock& operator=(const DeviceTableLock&) = delete;
-};
-
 // A text argument as the log shows it.
 const char* text_or_null(const OptString& s) {
     return s ? s->c_str() : "(null)";
@@ -116,36 +108,20 @@ std::string new_call_record(const std::string& token, const std::string& number)
     }
 }
 
-bool any_line_up() {
-    for (int i = 0; i < gLinecount; ++i)
-        if (gLines[i].status == QLX_STATUS_UP)
-            return true;
-    return false;
-}
-
-qlx* find_line(const std::string& serial) {
-    for (int i = 0; i < gLinecount; ++i)
-        if (gLines[i].serial == serial)
-            return &gLines[i];
-    return nullptr;
-}
-
 // Serials of the lines that are up, in table order; with `enhancedOnly`,
 // of the second adapter model only.
 StringList up_lines(bool enhancedOnly) {
     StringList serials;
-    DeviceTableLock lock(0);
-    for (int i = 0; i < gLinecount; ++i) {
-        const qlx& rec = gLines[i];
-        if (rec.status == QLX_STATUS_UP && (!enhancedOnly || rec.deviceType == 2))
+    DeviceTableLock lock(kTableRead);
+    for (const qlx& rec : gLines)
+        if (rec.status() == QLX_STATUS_UP && (!enhancedOnly || rec.deviceType == 2))
             serials.push_back(rec.serial);
-    }
     return serials;
 }
 
 // A dial for whichever line goes off hook first.
 std::string park_wildcard_dial(const std::string& digits, const OptString& token) {
-    DeviceTableLock lock(1);
+    DeviceTableLock lock(kTableChange);
     if (gWildcardDialPending)
         return kal_ResponseCode_ERR_ResourceBusy;
     if (!any_line_up())
@@ -158,8 +134,8 @@ std::string park_wildcard_dial(const std::string& digits, const OptString& token
 // A dial for one line's next off-hook, whatever its state now.
 std::string park_line_dial(const std::string& serial, const std::string& digits,
                            const OptString& token) {
-    DeviceTableLock lock(1);
-    qlx* rec = find_line(serial);
+    DeviceTableLock lock(kTableChange);
+    qlx* rec = line_by_serial(serial);
     if (!rec)
         return kal_ResponseCode_ERR_NoResource;
     if (rec->pendingDial)
@@ -217,8 +193,8 @@ StringList enhancedResources(const Caller&) {
 }
 
 int32_t deviceTypeForResource(const Caller&, const OptString& serial) {
-    DeviceTableLock lock(0);
-    const qlx* rec = find_line(serial.value_or(""));
+    DeviceTableLock lock(kTableRead);
+    const qlx* rec = line_by_serial(serial.value_or(""));
     return rec ? rec->deviceType : -1;
 }
 
@@ -256,7 +232,7 @@ std::string cancelDialWithCallbackToken(const Caller&, const OptString& token) {
             kallog(KAL_DEBUG, "cancelDialWithCallbackToken: '%s' called", text_or_null(token));
             if (!token)
                 return kal_ResponseCode_ERR_MalformedRequest;
-            DeviceTableLock lock(1);
+            DeviceTableLock lock(kTableChange);
             if (gWildcardDialToken == token) {
                 kallog(KAL_DEBUG, "Found token. Cancelling dial of %s",
                        gWildcardDialPending ? gWildcardDialPending->c_str() : "nil");
@@ -264,14 +240,11 @@ std::string cancelDialWithCallbackToken(const Caller&, const OptString& token) {
                 gWildcardDialToken.reset();
                 return kal_ResponseCode_OK;
             }
-            for (int i = 0; i < gLinecount; ++i) {
-                qlx& rec = gLines[i];
-                if (rec.pendingDialToken != token)
-                    continue;
+            if (qlx* rec = line_by_dial_token(*token)) {
                 kallog(KAL_DEBUG, "Found token. Cancelling dial of %s on line %s",
-                       rec.pendingDial ? rec.pendingDial->c_str() : "nil", rec.serial.c_str());
-                rec.pendingDialToken.reset();
-                rec.pendingDial.reset();
+                       rec->pendingDial ? rec->pendingDial->c_str() : "nil", rec->serial.c_str());
+                rec->pendingDialToken.reset();
+                rec->pendingDial.reset();
                 return kal_ResponseCode_OK;
             }
             kallog(KAL_DEBUG, "No such token found. Can't cancel.");
@@ -341,9 +314,10 @@ std::string performTRVOnResource(const Caller&, const OptString& serial, const O
 
 void fullResourceRescan(const Caller&) {
     kallog(KAL_DEBUG, "fullResourceRescan requested. Lock and set full rescan flag");
-    lock_device_table(1);
-    gMustRescan = 1;
-    unlock_device_table();
+    {
+        DeviceTableLock lock(kTableChange);
+        gMustRescan = 1;
+    }
     kallog(KAL_DEBUG, "Request rescan from lineisr");
     const int n = wake_lineisr_for_rescan();
     if (n != 1) {

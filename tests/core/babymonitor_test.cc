@@ -26,7 +26,7 @@ TEST(RestartPolicyTest, FourRestartsWithinABurstThenAbandon) {
         verdicts,
         ElementsAre("Restarting.", "Restarting again.", "Restarting again.", "Restarting again.",
                     "Too many restarts too fast. Permanently abandoning this line."));
-    EXPECT_EQ(rec.status, QLX_STATUS_ABANDONED);
+    EXPECT_EQ(rec.status(), QLX_STATUS_ABANDONED);
     EXPECT_EQ(rec.restartCount, 5);
 }
 
@@ -37,7 +37,7 @@ TEST(RestartPolicyTest, BurstIsMeasuredFromTheLatestRestart) {
     EXPECT_EQ(rec.restartCount, 2);
     EXPECT_STREQ(restart_decision(rec, 1241), "Restarting.");  // 121 s after the last restart
     EXPECT_EQ(rec.restartCount, 1);
-    EXPECT_EQ(rec.status, QLX_STATUS_RESTART);
+    EXPECT_EQ(rec.status(), QLX_STATUS_RESTART);
     EXPECT_EQ(rec.lastRestart, 1241);
 }
 
@@ -51,23 +51,26 @@ TEST(BabymonitorTest, ReapedChildMarksItsLineAndWakesTheRescan) {
     pid_t child = fork();
     if (child == 0)
         _exit(18);
-    lock_device_table(1);
-    qlx rec;
-    rec.serial = "A1";
-    rec.pid = child;
-    rec.status = QLX_STATUS_UP;
-    gLines.push_back(rec);
-    gLinecount = 1;
-    unlock_device_table();
+    {
+        DeviceTableLock lock(kTableChange);
+        qlx rec;
+        rec.serial = "A1";
+        rec.pid = child;
+        set_line_status(rec, QLX_STATUS_UP, "a test line");
+        std::vector<qlx> table;
+        table.push_back(std::move(rec));
+        install_device_table(std::move(table));
+    }
 
     start_babymonitor();
     pollfd pfd{lmthread_babymonitor_socket_private, POLLIN, 0};
     ASSERT_EQ(poll(&pfd, 1, 20000), 1);
-    lock_device_table(0);
-    EXPECT_EQ(gLines[0].pid, -1);
-    EXPECT_EQ(gLines[0].status, QLX_STATUS_RESTART);
-    EXPECT_EQ(gMustRescan, 1);
-    unlock_device_table();
+    {
+        DeviceTableLock lock(kTableRead);
+        EXPECT_EQ(gLines[0].pid, -1);
+        EXPECT_EQ(gLines[0].status(), QLX_STATUS_RESTART);
+        EXPECT_EQ(gMustRescan, 1);
+    }
     EXPECT_THAT(events, ElementsAre("KALResourceAvailabilityChanged:0"));
     // With no child left the supervisor ends by itself.
     EXPECT_TRUE(test::wait_for([] { return !babymonitor_running(); }));

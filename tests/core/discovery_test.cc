@@ -44,16 +44,10 @@ class DiscoveryTest : public ::testing::Test {
     }
     // As at start-up: the live table, with hot-plug watching.
     void find_live_table() {
-        lock_device_table(1);
+        DeviceTableLock lock(kTableChange);
         ASSERT_TRUE(FindModems(&gLines, &gLinecount, true, monitor_.get()));
-        unlock_device_table();
     }
-    qlx* line(const std::string& serial) {
-        for (auto& r : gLines)
-            if (r.serial == serial)
-                return &r;
-        return nullptr;
-    }
+    qlx* line(const std::string& serial) { return line_by_serial(serial); }
     // Turns the loop until `text` has been logged.
     bool handled(const std::string& text) {
         return wait_for([&] {
@@ -108,9 +102,9 @@ TEST_F(DiscoveryTest, FindsBothModelsAndSkipsLookAlikes) {
         EXPECT_EQ(r->calloutDevice, w.callout);
         EXPECT_EQ("/dev/" + r->ttyDevice, w.callout);
         EXPECT_EQ(r->deviceType, w.type);
-        EXPECT_EQ(r->fd, -1);
+        EXPECT_FALSE(r->fd);
         EXPECT_EQ(r->pid, -1);
-        EXPECT_EQ(r->status, QLX_STATUS_NEW);
+        EXPECT_EQ(r->status(), QLX_STATUS_NEW);
         EXPECT_THAT(log(), HasSubstr(" to QLX" + std::to_string(w.type) + " with serial number " +
                                      w.serial + ": {"));
     }
@@ -193,7 +187,7 @@ TEST_F(DiscoveryTest, NoPortsIsAnEmptyTableNotAFailure) {
 TEST_F(DiscoveryTest, UnplugHangsUpAnUpLineAndForcesARescanOnlyForAFailedOne) {
     struct Case {
         const char* serial;  // nullptr: a built-in port, not in the table
-        int status;
+        QlxStatus status;
         bool hup;     // its line monitor gets SIGHUP
         bool rescan;  // the line event thread is woken directly
         std::string node;
@@ -201,7 +195,7 @@ TEST_F(DiscoveryTest, UnplugHangsUpAnUpLineAndForcesARescanOnlyForAFailedOne) {
         {"KL0001", QLX_STATUS_UP, true, false, ""},
         {"KL0002", QLX_STATUS_RESTART, false, false, ""},
         {"KL0003", QLX_STATUS_FAILED, false, true, ""},
-        {nullptr, 0, false, false, ""},
+        {nullptr, QLX_STATUS_NEW, false, false, ""},
     };
     for (auto& c : cases)
         c.node = c.serial ? ports_.add_adapter(1, c.serial) : ports_.add_builtin_port();
@@ -213,7 +207,7 @@ TEST_F(DiscoveryTest, UnplugHangsUpAnUpLineAndForcesARescanOnlyForAFailedOne) {
         ChildProcess linemonitor({"/bin/sleep", "60"});
         if (c.serial) {
             line(c.serial)->pid = linemonitor.pid();
-            line(c.serial)->status = c.status;
+            set_line_status(*line(c.serial), c.status, "test");
         }
 
         ports_.unplug(c.node);
@@ -230,7 +224,7 @@ TEST_F(DiscoveryTest, UnplugHangsUpAnUpLineAndForcesARescanOnlyForAFailedOne) {
         }
         EXPECT_EQ(gLinecount, 3);
         if (c.serial) {
-            EXPECT_EQ(line(c.serial)->status, c.status);
+            EXPECT_EQ(line(c.serial)->status(), c.status);
         } else {
             EXPECT_THAT(log(), HasSubstr("WARN: IOSerialDevice " + c.node +
                                          " terminated but couldn't match it in the device "

@@ -157,8 +157,8 @@ TEST_F(LineMonitorTest, ChildStartsWithItsSocketOnFourTheOrdersAndADefaultSignal
             fd = spawn_correct_linemonitor(&r);
         }
         ASSERT_GE(fd, 0);
-        EXPECT_EQ(r.fd, fd);
-        EXPECT_EQ(r.status, QLX_STATUS_UP);
+        EXPECT_EQ(r.fd.get(), fd);
+        EXPECT_EQ(r.status(), QLX_STATUS_UP);
         EXPECT_GT(r.pid, 0);
         EXPECT_EQ(fcntl(fd, F_GETFL) & O_NONBLOCK, O_NONBLOCK);
         EXPECT_EQ(fcntl(fd, F_GETFD) & FD_CLOEXEC, FD_CLOEXEC);
@@ -208,8 +208,8 @@ TEST_F(LineMonitorTest, UnknownDeviceTypeForksNothingAndLogsOneWarning) {
         const size_t before = log().size();
         EXPECT_EQ(spawn_correct_linemonitor(&r), -1);
         EXPECT_EQ(r.pid, -1);
-        EXPECT_EQ(r.fd, -1);
-        EXPECT_EQ(r.status, QLX_STATUS_NEW);
+        EXPECT_FALSE(r.fd);
+        EXPECT_EQ(r.status(), QLX_STATUS_NEW);
         const std::string added = log().substr(before);
         EXPECT_THAT(added, HasSubstr("WARN: Can't start line monitor for unknown device type " +
                                      std::to_string(type) + "\n"));
@@ -226,7 +226,7 @@ TEST_F(LineMonitorTest, ProgramThatCannotBeExecutedStillSpawnsAndTheChildExits18
         qlx r = record(type, "KL0004");
         const int fd = spawn_correct_linemonitor(&r);
         ASSERT_GE(fd, 0);
-        EXPECT_EQ(r.status, QLX_STATUS_UP);
+        EXPECT_EQ(r.status(), QLX_STATUS_UP);
         EXPECT_TRUE(child_exited_with(r.pid, 18));
         close(fd);
     }

@@ -4,8 +4,11 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include "base/unique_fd.h"
 #include "core/device_table.h"
 #include "core/line_node.h"
 #include "fake_adapters.h"
@@ -43,28 +46,29 @@ class RescanTest : public ::testing::Test {
     }
     void TearDown() override {
         NotificationCenter::defaultCenter().removeObserver(observer_);
-        lock_device_table(1);
+        DeviceTableLock lock(kTableChange);
         for (auto& rec : gLines)
             if (rec.pid > 0)
                 kill(rec.pid, SIGKILL);
-        unlock_device_table();
     }
     // A record as a previous scan would have left it.
-    qlx old_record(const std::string& devnode, const std::string& serial, int status) {
+    qlx old_record(const std::string& devnode, const std::string& serial, QlxStatus status) {
         qlx rec;
         rec.serial = serial;
         rec.calloutDevice = devnode;
         rec.deviceType = 1;
-        rec.status = status;
+        set_line_status(rec, status, "a record of an earlier scan");
         int p[2];
         EXPECT_EQ(pipe(p), 0);
         close(p[1]);
-        rec.fd = p[0];
+        rec.fd.reset(p[0]);
         return rec;
     }
-    void install(std::vector<qlx> table) {
-        gLines = std::move(table);
-        gLinecount = static_cast<int>(gLines.size());
+    void install(qlx rec) {
+        std::vector<qlx> table;
+        table.push_back(std::move(rec));
+        DeviceTableLock lock(kTableChange);
+        install_device_table(std::move(table));
     }
 
     TempRoot root_;
@@ -81,16 +85,14 @@ TEST_F(RescanTest, LiveLinesAreCarriedOverUntouched) {
     rec.node = node;
     rec.pendingDial = "555";
     rec.pendingDialToken = "t";
-    const int fd = rec.fd;
-    std::vector<qlx> table;
-    table.push_back(std::move(rec));
-    install(std::move(table));
+    const int fd = rec.fd.get();
+    install(std::move(rec));
 
     do_rescan();
     ASSERT_EQ(gLinecount, 1);
-    EXPECT_EQ(gLines[0].fd, fd);
+    EXPECT_EQ(gLines[0].fd.get(), fd);
     EXPECT_EQ(gLines[0].pid, 4242);
-    EXPECT_EQ(gLines[0].status, QLX_STATUS_UP);
+    EXPECT_EQ(gLines[0].status(), QLX_STATUS_UP);
     EXPECT_EQ(gLines[0].pendingDial, "555");
     EXPECT_EQ(gLines[0].node.lock(), node);
     EXPECT_EQ(node->record, &gLines[0]) << "the node must point into the new table";
@@ -106,16 +108,14 @@ TEST_F(RescanTest, AbandonedLineFailsItsWaitingDialAndWildcardDialGoesWhenNoLine
     rec.node = node;
     rec.pendingDial = "555";
     rec.pendingDialToken = "line-dial";
-    std::vector<qlx> table;
-    table.push_back(std::move(rec));
-    install(std::move(table));
+    install(std::move(rec));
     gWildcardDialPending = "777";
     gWildcardDialToken = "any-line-dial";
 
     do_rescan();
     ASSERT_EQ(gLinecount, 1);
-    EXPECT_EQ(gLines[0].status, QLX_STATUS_FAILED);
-    EXPECT_EQ(gLines[0].fd, -1);
+    EXPECT_EQ(gLines[0].status(), QLX_STATUS_FAILED);
+    EXPECT_FALSE(gLines[0].fd);
     EXPECT_FALSE(gLines[0].pendingDialToken.has_value());
     EXPECT_EQ(node->lost, 1);
     EXPECT_THAT(failures_, ElementsAre("line-dial:KALResponseCodeERRNoResource",
@@ -130,18 +130,56 @@ TEST_F(RescanTest, ChangedCalloutPathIsAVanishedAdapterPlusANewOne) {
     qlx rec = old_record("/dev/ttyUSB99", "KL0303", QLX_STATUS_UP);
     rec.node = node;
     rec.pendingDialToken = "t";
-    std::vector<qlx> table;
-    table.push_back(std::move(rec));
-    install(std::move(table));
+    install(std::move(rec));
 
     do_rescan();
     ASSERT_EQ(gLinecount, 1);
     EXPECT_EQ(gLines[0].calloutDevice, devnode);
-    EXPECT_EQ(gLines[0].status, QLX_STATUS_UP) << "a fresh line monitor for the new record";
+    EXPECT_EQ(gLines[0].status(), QLX_STATUS_UP) << "a fresh line monitor for the new record";
     EXPECT_TRUE(gLines[0].node.expired());
     EXPECT_EQ(node->lost, 1);
     EXPECT_THAT(failures_, ElementsAre("t:KALResponseCodeERRNoResource"));
     EXPECT_TRUE(LineSimControl("KL0303").connected());
+}
+
+// Whether the other end of `peer` has been closed.
+bool peer_closed(int peer) {
+    char byte;
+    return recv(peer, &byte, 1, MSG_DONTWAIT) == 0;
+}
+
+TEST_F(RescanTest, RestartClosesTheSocketOfTheRecordItReplaces) {
+    const std::string devnode = ports_.add_adapter(1, "KL0505");
+    int sv[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, sv), 0);
+    unique_fd peer(sv[1]);
+    qlx rec = old_record(devnode, "KL0505", QLX_STATUS_RESTART);
+    rec.fd.reset(sv[0]);
+    install(std::move(rec));
+    ASSERT_FALSE(peer_closed(peer.get()));
+
+    do_rescan();
+    EXPECT_TRUE(peer_closed(peer.get())) << "the dead line monitor's socket is still open";
+    ASSERT_EQ(gLinecount, 1);
+    EXPECT_EQ(gLines[0].status(), QLX_STATUS_UP) << "restarted on a socket of its own";
+    EXPECT_TRUE(LineSimControl("KL0505").connected());
+}
+
+TEST_F(RescanTest, VanishedAdapterWithARunningLineMonitorIsHungUpAndItsSocketClosed) {
+    int sv[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, sv), 0);
+    unique_fd peer(sv[1]);
+    const pid_t child = fork_waiting_child(peer.get());
+    // Never a port in the testbed: the adapter is gone, its "remove" to come.
+    qlx rec = old_record("/dev/ttyUSB77", "KL0606", QLX_STATUS_UP);
+    rec.fd.reset(sv[0]);
+    rec.pid = child;
+    install(std::move(rec));
+
+    do_rescan();
+    EXPECT_EQ(gLinecount, 0);
+    EXPECT_TRUE(peer_closed(peer.get())) << "the dropped record's socket is still open";
+    EXPECT_EQ(ending_signal(child), SIGHUP);
 }
 
 TEST_F(RescanTest, NothingHappensWhileAsleep) {

@@ -8,6 +8,7 @@
 #include <signal.h>
 #include <sys/wait.h>
 
+#include <algorithm>
 #include <memory>
 #include <string>
 #include <vector>
@@ -50,6 +51,39 @@ class DaemonTest : public ::testing::Test {
             ++n;
         return n;
     }
+
+    // The serials of the daemon's running line monitors, sorted; a child
+    // that ended but was not reaped counts as "<unreaped>".
+    std::vector<std::string> line_monitors() const {
+        std::vector<std::string> serials;
+        for (const ProcessInfo& child : children_of(daemon_->pid())) {
+            auto flag = std::find(child.argv.begin(), child.argv.end(), "-QLXSerial");
+            if (child.zombie)
+                serials.push_back("<unreaped>");
+            else if (flag != child.argv.end() && flag + 1 != child.argv.end())
+                serials.push_back(flag[1]);
+        }
+        std::sort(serials.begin(), serials.end());
+        return serials;
+    }
+    // The pid of the line monitor running for `serial`, or -1.
+    pid_t line_monitor_pid(const std::string& serial) const {
+        for (const ProcessInfo& child : children_of(daemon_->pid())) {
+            auto flag = std::find(child.argv.begin(), child.argv.end(), "-QLXSerial");
+            if (!child.zombie && flag != child.argv.end() && flag + 1 != child.argv.end() &&
+                flag[1] == serial)
+                return child.pid;
+        }
+        return -1;
+    }
+    // Whether the daemon's child `pid` is gone: ended and reaped.
+    bool reaped(pid_t pid) const {
+        for (const ProcessInfo& child : children_of(daemon_->pid()))
+            if (child.pid == pid)
+                return false;
+        return true;
+    }
+    int daemon_descriptors() const { return open_descriptor_count(daemon_->pid()); }
 
     std::string daemon_program_ = bin_path("kaldevicemaster");
     TempRoot root_;

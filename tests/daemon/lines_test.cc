@@ -61,9 +61,12 @@ TEST_F(DaemonLinesTest, UnplugHangsUpTheLineMonitorAndPlugInIsNoticed) {
     start_daemon();
     LineSimControl line("KL3003");
     ASSERT_THAT(line.send("orders"), StartsWith("ok fd=4 "));
+    const pid_t linemonitor = line_monitor_pid("KL3003");
 
     ports_.unplug(adapter);
-    EXPECT_TRUE(wait_for([&] { return !file_exists(linesim_socket("KL3003")); }))
+    // A rescan that runs before the port has left the testbed restarts the
+    // line: wait for this line monitor, not for the line's.
+    EXPECT_TRUE(wait_for([&] { return reaped(linemonitor); }))
         << "the line monitor never got SIGHUP\n"
         << log();
     EXPECT_THAT(log(), ContainsRegex("Sending signal 'hup' to process [0-9]+ servicing line " +

@@ -26,6 +26,7 @@
 #include "test_support.h"
 
 using namespace kal;
+using namespace std::chrono_literals;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
@@ -62,9 +63,9 @@ class LineIsrTest : public ::testing::Test {
             qlx rec;
             rec.serial = serial;
             rec.calloutDevice = std::string("/dev/tty") + serial;
-            rec.fd = sv[0];
+            rec.fd.reset(sv[0]);
             rec.pid = 999999;  // no such process: nothing is ever signalled
-            rec.status = QLX_STATUS_UP;
+            set_line_status(rec, QLX_STATUS_UP, "a test line");
             rec.deviceType = 1;
             gLines.push_back(std::move(rec));
             peers_.emplace_back(sv[1]);
@@ -208,25 +209,38 @@ TEST_F(LineIsrTest, OffHookStartsTheLinesPendingDialElseAWildcardDial) {
     EXPECT_FALSE(gWildcardDialToken.has_value());
 }
 
-TEST_F(LineIsrTest, EndOfFileHangsUpTheLineMonitor) {
-    pid_t child = fork();
-    if (child == 0) {
-        // Whoever started us may have ignored or blocked it.
-        signal(SIGHUP, SIG_DFL);
-        sigset_t none;
-        sigemptyset(&none);
-        sigprocmask(SIG_SETMASK, &none, nullptr);
-        close_range(3, ~0U, 0);  // our copy of the line's socket would hide its end
-        pause();
-        _exit(0);
+// Line 0 with a line monitor that waits for a signal.
+class LineIsrChildTest : public LineIsrTest {
+  protected:
+    void SetUp() override {
+        LineIsrTest::SetUp();
+        child_ = test::fork_waiting_child();
+        gLines[0].pid = child_;
     }
-    gLines[0].pid = child;
+    int ending_signal() { return test::ending_signal(child_); }
+    pid_t child_ = -1;
+};
+
+TEST_F(LineIsrChildTest, EndOfFileHangsUpTheLineMonitor) {
     peers_[0].reset();
     pass();
-    int status = 0;
-    ASSERT_EQ(waitpid(child, &status, 0), child);
-    ASSERT_TRUE(WIFSIGNALED(status));
-    EXPECT_EQ(WTERMSIG(status), SIGHUP);
+    EXPECT_EQ(ending_signal(), SIGHUP);
+}
+
+TEST_F(LineIsrChildTest, MessageLeftUnfinishedPastTheLimitHangsUpTheLineMonitor) {
+    set_line_frame_limit(50ms);
+    // A header announcing 16 bytes and two of them, from a line monitor
+    // that stays alive with its socket open.
+    const int32_t announced = 16;
+    std::string part(reinterpret_cast<const char*>(&announced), sizeof announced);
+    part += "RX";
+    ASSERT_EQ(write(peers_[0].get(), part.data(), part.size()), ssize_t(part.size()));
+    pass();
+    EXPECT_EQ(ending_signal(), SIGHUP);
+    // The other line is served as before.
+    line_sends(1, "R");
+    pass();
+    EXPECT_THAT(journal_, ElementsAre("KALRingDetect"));
 }
 
 TEST_F(LineIsrTest, AnEndedSocketIsNotWatchedAgainUntilTheRescan) {

@@ -148,6 +148,32 @@ void read_frame_with_header(int32_t len) {
     dmp_read(sv[0], buf, sizeof buf, -1);
 }
 
+TEST_F(DmpFraming, FrameNotFinishedWithinTheLimitFailsAndAFinishedOneReads) {
+    set_nonblocking(near_.get());
+    char buf[64] = {};
+    // Finished in pieces, within the limit.
+    const std::string f = frame("X5551234");
+    send(f.substr(0, 6));
+    std::thread rest([&] {
+        wait_for([&] { return unread_bytes(near_.get()) == 0; });
+        send(f.substr(6));
+    });
+    EXPECT_EQ(dmp_read_within(near_.get(), buf, sizeof buf, 20s), 8);
+    rest.join();
+    EXPECT_EQ(std::string(buf), "X5551234");
+
+    // Begun, then nothing: a header announcing 16 bytes and two of them.
+    send(frame(std::string(16, 'R')).substr(0, 6));
+    errno = 0;
+    EXPECT_EQ(dmp_read_within(near_.get(), buf, sizeof buf, 50ms), -1);
+    EXPECT_EQ(errno, ETIMEDOUT);
+    // Half a header is no better.
+    send(frame("R").substr(0, 2));
+    errno = 0;
+    EXPECT_EQ(dmp_read_within(near_.get(), buf, sizeof buf, 50ms), -1);
+    EXPECT_EQ(errno, ETIMEDOUT);
+}
+
 TEST(DmpHostileLength, EndsTheProcessBeforeAnyPayloadIsRead) {
     const char* const kMessage = "ERR: Couldn't malloc in dmp_read for excess\\. Quitting\\.";
     EXPECT_EXIT(read_frame_with_header(-1), ::testing::ExitedWithCode(1), kMessage);

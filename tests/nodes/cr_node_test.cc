@@ -341,9 +341,10 @@ TEST_F(CRNodeTest, ADeviceLossAfterOrDuringTheLastReplyAddsNoReport) {
     // Already on its way when the reply ended the node.
     auto ended = at(CRNode::kRecording, 1, false);
     lines_.sendAudioResponse(kToken, lm::kAudioStopped, 'p', 1);
-    lock_device_table(1);
-    node_devicelost(*ended);
-    unlock_device_table();
+    {
+        DeviceTableLock lock(kTableChange);
+        node_devicelost(*ended);
+    }
     EXPECT_EQ(lines_.completions().size(), 1u);
 
     // Racing it, on the supervisor's thread.

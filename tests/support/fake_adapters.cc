@@ -130,6 +130,14 @@ FakeAdapters::VoiceModem FakeAdapters::add_voice_modem(const VoiceModemOptions& 
 }
 
 void FakeAdapters::unplug(const std::string& devnode) {
+    remove(devnode, true);
+}
+
+void FakeAdapters::forget(const std::string& devnode) {
+    remove(devnode, false);
+}
+
+void FakeAdapters::remove(const std::string& devnode, bool announce) {
     auto it = std::find_if(ports_.begin(), ports_.end(),
                            [&](const Port& p) { return p.devnode == devnode; });
     if (it == ports_.end())
@@ -138,7 +146,8 @@ void FakeAdapters::unplug(const std::string& devnode) {
         throw std::runtime_error("the emulator behind " + devnode + " did not vanish");
     // Listeners learn of the removal only from the uevent; taking the
     // directories away is silent.
-    umockdev_testbed_uevent(testbed_, it->tty_syspath.c_str(), "remove");
+    if (announce)
+        umockdev_testbed_uevent(testbed_, it->tty_syspath.c_str(), "remove");
     umockdev_testbed_remove_device(testbed_, it->tty_syspath.c_str());
     if (it->top_syspath != it->tty_syspath)
         umockdev_testbed_remove_device(testbed_, it->top_syspath.c_str());

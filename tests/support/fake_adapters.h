@@ -71,6 +71,10 @@ class FakeAdapters {
     // (the program that has it open reads a hang-up); the emulator stays
     // for its control socket.
     void unplug(const std::string& devnode);
+    // Takes the tty at `devnode` and its USB device out of the testbed
+    // without a "remove": what a scan sees between a device leaving sysfs
+    // and udev announcing it.
+    void forget(const std::string& devnode);
 
   private:
     struct Port {
@@ -80,6 +84,7 @@ class FakeAdapters {
         ModemSim* modem = nullptr;
     };
     std::string add(const std::string& description, Port port);
+    void remove(const std::string& devnode, bool announce);
 
     _UMockdevTestbed* testbed_ = nullptr;
     std::vector<Port> ports_;

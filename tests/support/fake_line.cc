@@ -92,7 +92,7 @@ FakeLines::FakeLines(int count) : clock_(half_past_midnight()) {
     static const bool pipes_made = (init_lmcomm_intrapc(), true);
     (void)pipes_made;
 
-    lock_device_table(1);
+    DeviceTableLock table_lock(kTableChange);
     gLines.clear();
     for (int i = 0; i < count; ++i) {
         int sv[2];
@@ -104,15 +104,15 @@ FakeLines::FakeLines(int count) : clock_(half_past_midnight()) {
         rec.serial = serial(i);
         rec.ttyDevice = "ttyFAKE" + std::to_string(i);
         rec.calloutDevice = "/dev/ttyFAKE" + std::to_string(i);
-        rec.fd = sv[0];
+        rec.fd.reset(sv[0]);
         rec.pid = -1;  // no process: kill_qlx never signals anything
-        rec.status = QLX_STATUS_UP;
+        set_line_status(rec, QLX_STATUS_UP, "a fake line");
         rec.deviceType = 1;
         gLines.push_back(std::move(rec));
         peers_.emplace_back(sv[1]);
     }
     gLinecount = static_cast<int>(gLines.size());
-    unlock_device_table();
+    table_lock.unlock();
     bounds_ = calc_fdbounds();
 
     observer_ = NotificationCenter::defaultCenter().addObserver("", [this](const Notification& n) {
@@ -125,11 +125,12 @@ FakeLines::FakeLines(int count) : clock_(half_past_midnight()) {
 FakeLines::~FakeLines() {
     // Every node still on a line or tracked leaves now...
     std::vector<std::shared_ptr<Node>> leftover;
-    lock_device_table(0);
-    for (int i = 0; i < gLinecount; ++i)
-        if (auto node = std::dynamic_pointer_cast<Node>(gLines[i].node.lock()))
-            leftover.push_back(std::move(node));
-    unlock_device_table();
+    {
+        DeviceTableLock lock(kTableRead);
+        for (const qlx& rec : gLines)
+            if (auto node = std::dynamic_pointer_cast<Node>(rec.node.lock()))
+                leftover.push_back(std::move(node));
+    }
     for (auto& weak : tracked_)
         if (auto node = weak.lock())
             leftover.push_back(std::move(node));
@@ -154,13 +155,8 @@ FakeLines::~FakeLines() {
     NotificationCenter::defaultCenter().removeObserver(observer_);
     set_clock(nullptr);
 
-    lock_device_table(1);
-    for (auto& rec : gLines)
-        if (rec.fd >= 0)
-            ::close(rec.fd);
-    gLines.clear();
-    gLinecount = 0;
-    unlock_device_table();
+    DeviceTableLock lock(kTableChange);
+    install_device_table({});
 }
 
 std::string FakeLines::serial(int line) {
@@ -225,11 +221,12 @@ bool FakeLines::anythingReady() {
     std::vector<pollfd> fds;
     fds.push_back({lmthread_babymonitor_socket_private, POLLIN, 0});
     fds.push_back({lmthread_userisr_socket_private, POLLIN, 0});
-    lock_device_table(0);
-    for (int i = 0; i < gLinecount; ++i)
-        if (gLines[i].status == QLX_STATUS_UP && gLines[i].fd >= 0)
-            fds.push_back({gLines[i].fd, POLLIN, 0});
-    unlock_device_table();
+    {
+        DeviceTableLock lock(kTableRead);
+        for (const qlx& rec : gLines)
+            if (rec.status() == QLX_STATUS_UP && rec.fd)
+                fds.push_back({rec.fd.get(), POLLIN, 0});
+    }
     return poll(fds.data(), fds.size(), 0) > 0;
 }
 
@@ -288,36 +285,27 @@ qlx& FakeLines::record(int line) {
 }
 
 std::shared_ptr<Node> FakeLines::nodeOn(int line) {
-    lock_device_table(0);
-    auto node = std::dynamic_pointer_cast<Node>(gLines.at(static_cast<size_t>(line)).node.lock());
-    unlock_device_table();
-    return node;
+    DeviceTableLock lock(kTableRead);
+    return std::dynamic_pointer_cast<Node>(gLines.at(static_cast<size_t>(line)).node.lock());
 }
 
 void FakeLines::loseDevice(int line) {
-    std::shared_ptr<LineNode> node;
-    lock_device_table(1);
-    node = gLines.at(static_cast<size_t>(line)).node.lock();
+    DeviceTableLock lock(kTableChange);
+    std::shared_ptr<LineNode> node = gLines.at(static_cast<size_t>(line)).node.lock();
     if (node)
         node_devicelost(*node);
-    unlock_device_table();
 }
 
 void FakeLines::replaceTable() {
-    lock_device_table(1);
+    DeviceTableLock lock(kTableChange);
     std::vector<qlx> fresh;
     fresh.reserve(gLines.size());
-    for (qlx& old : gLines) {
-        qlx rec = old;
-        rec.node = std::exchange(old.node, {});
-        fresh.push_back(std::move(rec));
-    }
+    for (qlx& old : gLines)
+        fresh.push_back(std::exchange(old, qlx{}));
     for (qlx& rec : fresh)
         if (auto node = rec.node.lock())
             node_setdeviceptr(*node, &rec);
-    gLines = std::move(fresh);  // the old records are freed here
-    gLinecount = static_cast<int>(gLines.size());
-    unlock_device_table();
+    install_device_table(std::move(fresh));  // the old records are freed here
 }
 
 std::string FakeLines::audioFile(const std::string& name, size_t bytes) {

@@ -137,4 +137,61 @@ int ChildProcess::wait_exit(std::chrono::milliseconds deadline) {
     return status;
 }
 
+std::vector<ProcessInfo> children_of(pid_t parent) {
+    std::vector<ProcessInfo> children;
+    for (const std::string& name : list_dir("/proc")) {
+        if (name.empty() || name.find_first_not_of("0123456789") != std::string::npos)
+            continue;
+        // "pid (comm) state ppid ...": comm may hold blanks and parentheses.
+        const std::string stat = read_file("/proc/" + name + "/stat");
+        const size_t close = stat.rfind(')');
+        if (close == std::string::npos)
+            continue;
+        std::istringstream rest(stat.substr(close + 1));
+        char state = 0;
+        pid_t ppid = -1;
+        if (!(rest >> state >> ppid) || ppid != parent)
+            continue;
+        ProcessInfo info;
+        info.pid = static_cast<pid_t>(std::stol(name));
+        info.zombie = state == 'Z';
+        std::istringstream cmdline(read_file("/proc/" + name + "/cmdline"));
+        for (std::string arg; std::getline(cmdline, arg, '\0');)
+            info.argv.push_back(arg);
+        children.push_back(std::move(info));
+    }
+    return children;
+}
+
+int open_descriptor_count(pid_t pid) {
+    return static_cast<int>(list_dir("/proc/" + std::to_string(pid) + "/fd").size());
+}
+
+pid_t fork_waiting_child(int keep) {
+    const pid_t child = fork();
+    if (child != 0)
+        return child;
+    // Whoever started us may have ignored or blocked signals.
+    for (int sig = 1; sig < 32; ++sig)
+        signal(sig, SIG_DFL);
+    sigset_t none;
+    sigemptyset(&none);
+    sigprocmask(SIG_SETMASK, &none, nullptr);
+    if (keep >= 0 && keep != 3)
+        dup2(keep, 3);
+    close_range(keep >= 0 ? 4 : 3, ~0U, 0);
+    for (;;)
+        pause();
+}
+
+int ending_signal(pid_t child, std::chrono::milliseconds deadline) {
+    int status = 0;
+    if (!wait_for([&] { return waitpid(child, &status, WNOHANG) == child; }, deadline)) {
+        kill(child, SIGKILL);
+        waitpid(child, &status, 0);
+        return 0;
+    }
+    return WIFSIGNALED(status) ? WTERMSIG(status) : 0;
+}
+
 }  // namespace kal::test

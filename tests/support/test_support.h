@@ -40,6 +40,25 @@ void make_dirs(const std::string& path);
 // Polls `cond` until it holds or `deadline` passes; true when it held.
 bool wait_for(const std::function<bool()>& cond, std::chrono::milliseconds deadline = 20s);
 
+// A process as /proc shows it.
+struct ProcessInfo {
+    pid_t pid = -1;
+    bool zombie = false;  // ended, not yet reaped by its parent
+    std::vector<std::string> argv;
+};
+// The children of `parent`, reaped ones excluded (they are gone).
+std::vector<ProcessInfo> children_of(pid_t parent);
+// How many descriptors `pid` holds open.
+int open_descriptor_count(pid_t pid);
+
+// Forks a child that only waits for a signal, with every signal at its
+// default and none blocked. It keeps no descriptor of ours but `keep` (as
+// its descriptor 3), so that a socket's far end is held by it alone.
+pid_t fork_waiting_child(int keep = -1);
+// Reaps `child` and returns the signal that ended it; 0 when it did not end
+// by a signal within `deadline` (it is then killed).
+int ending_signal(pid_t child, std::chrono::milliseconds deadline = 20s);
+
 // A program built with the project (daemon, simulator, kalctl).
 std::string bin_path(const std::string& name);
 
