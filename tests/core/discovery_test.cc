@@ -127,7 +127,7 @@ TEST_F(DiscoveryTest, ATaggedVoiceModemIsTypeThreeBesideTheAdapters) {
     EXPECT_EQ(r->deviceType, 3);
     EXPECT_EQ(r->calloutDevice, modem.devnode);
     EXPECT_EQ("/dev/" + r->ttyDevice, modem.devnode);
-    EXPECT_EQ(r->status, QLX_STATUS_NEW);
+    EXPECT_EQ(r->status(), QLX_STATUS_NEW);
     ASSERT_NE(line("KL0001"), nullptr);
     EXPECT_EQ(line("KL0001")->deviceType, 1);
     EXPECT_THAT(log(), HasSubstr("to voice modem with serial number C0FFEE01"));
