@@ -1,0 +1,257 @@
+// kal-answer as installed: the daemon with a fake adapter and the line
+// simulator on a private bus, kal-answer as its own process with a
+// configuration file, and the test reading the outcome through kal-answer's
+// D-Bus interface as kalctl does.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
+
+#include <fstream>
+#include <regex>
+
+#include "../daemon/daemon_fixture.h"
+#include "answer/answer_client.h"
+#include "answer/audio.h"
+#include "audio_fixture.h"
+#include "service/sd_bus_handles.h"
+
+using namespace kal;
+using namespace kal::answer;
+using namespace kal::test;
+using ::testing::HasSubstr;
+using ::testing::StartsWith;
+
+namespace {
+
+// The value of `key=` in a simulator's description of a command.
+std::string field(const std::string& command, const std::string& key) {
+    const std::regex re(key + "=(\"([^\"]*)\"|([^ ]*))");
+    std::smatch m;
+    if (!std::regex_search(command, m, re))
+        return "";
+    return m[2].matched ? m[2].str() : m[3].str();
+}
+
+class AnswerTest : public DaemonTest {
+  protected:
+    void SetUp() override {
+        DaemonTest::SetUp();
+        ports_.add_adapter(1, "KL1001");
+        start_daemon("Adding logtrasher thread", {"KAL_LINESIM_SPEED=100"});
+        greetings_ = root_.path() + "/greetings";
+        make_dirs(greetings_);
+        make_dirs(root_.path() + "/etc");
+        // A long greeting: the simulator plays it in a moment of real time
+        // (100 times faster), and the caller must press a digit during it.
+        write_tone(greetings_ + "/main.wav", 44100, 2, 60.0);
+        write_tone(greetings_ + "/two.wav", 8000, 1, 1.0);
+    }
+    void TearDown() override {
+        if (answer_) {
+            answer_->signal(SIGTERM);
+            answer_->wait_exit();
+        }
+        stop_daemon();
+    }
+
+    void configure(const std::string& extra = "") {
+        write_file(root_.path() + "/etc/kal-answer.conf",
+                   "[answer]\nrings = 2\ngreeting = " + greetings_ +
+                       "/main.wav\nmax_message_length = 3\nmin_message_length = 1\n" + extra +
+                       "\n[mailbox 2]\ngreeting = " + greetings_ + "/two.wav\n");
+    }
+    // What the running (or last) kal-answer wrote to standard error.
+    std::string answer_log() const {
+        return read_file(root_.path() + "/answer-" + std::to_string(starts_) + ".txt");
+    }
+    int answer_count(const std::string& text) const {
+        const std::string all = answer_log();
+        int n = 0;
+        for (size_t at = all.find(text); at != std::string::npos; at = all.find(text, at + 1))
+            ++n;
+        return n;
+    }
+    // Starts kal-answer and waits until it has registered with the daemon.
+    void start_answer() {
+        ++starts_;
+        answer_ = std::make_unique<ChildProcess>(
+            std::vector<std::string>{bin_path("kal-answer"), "--sounds", KAL_TEST_SOUNDS_DIR},
+            std::vector<std::string>{},
+            root_.path() + "/answer-" + std::to_string(starts_) + ".txt");
+        ASSERT_TRUE(wait_for([&] { return answer_count("registered with kaldevicemaster") >= 1; }))
+            << answer_log();
+    }
+    // Two rings with caller ID: the simulator's command that answered.
+    std::string ring_until_answered(LineSimControl& line, const std::string& callerId) {
+        EXPECT_THAT(line.send("clear"), StartsWith("ok"));
+        if (!callerId.empty())
+            line.send("callerid " + callerId);
+        line.send("ring");
+        line.send("ring");
+        return line.send("wait-command P 20");
+    }
+    std::vector<MessageInfo> messages_when(size_t count) {
+        AnswerClient client;
+        std::vector<MessageInfo> out;
+        EXPECT_TRUE(wait_for([&] {
+            out = client.listMessages();
+            return out.size() >= count;
+        })) << answer_log();
+        return out;
+    }
+    // The WAV of a message, fetched as kalctl does: a descriptor over D-Bus.
+    AudioInfo fetch(int64_t id) {
+        AnswerClient client;
+        unique_fd fd = client.openMessage(id);
+        const std::string copy = root_.path() + "/fetched-" + std::to_string(id) + ".wav";
+        std::ofstream out(copy, std::ios::binary);
+        char buf[4096];
+        ssize_t n;
+        while ((n = ::read(fd.get(), buf, sizeof buf)) > 0)
+            out.write(buf, n);
+        out.close();
+        return probe_audio(copy);
+    }
+
+    std::string greetings_;
+    std::unique_ptr<ChildProcess> answer_;
+    int starts_ = 0;
+};
+
+TEST_F(AnswerTest, AfterTheRingsTheGreetingPlaysAndTwoLeavesAMessageInMailboxTwo) {
+    configure();
+    start_answer();
+    LineSimControl line("KL1001");
+    const int64_t before = ::time(nullptr);
+
+    // The 44.1 kHz stereo greeting, converted to the line's format.
+    const std::string play = ring_until_answered(line, "5551234 JANE DOE");
+    ASSERT_THAT(play, StartsWith("ok P ")) << answer_log();
+    const std::string greeting = field(play, "path");
+    EXPECT_THAT(greeting, HasSubstr("/var/lib/kal-answer/greetings/main-"));
+    EXPECT_NEAR(static_cast<double>(read_raw(greeting).size()), 60.0 * 8000, 100);
+
+    ASSERT_THAT(line.send("digits 2"), StartsWith("ok sent # digit=2"));
+    const std::string mailbox = line.send("wait-command P 20");
+    EXPECT_THAT(mailbox, HasSubstr("/greetings/two-"));
+    const std::string record = line.send("wait-command R 20");
+    ASSERT_THAT(record, StartsWith("ok R ")) << answer_log();
+    EXPECT_THAT(field(record, "path"), HasSubstr("/var/tmp/kal-answer/"));
+
+    // The simulator records max_message_length (3 s) of its tone.
+    const auto list = messages_when(1);
+    ASSERT_EQ(list.size(), 1u);
+    const MessageInfo& m = list[0];
+    EXPECT_EQ(m.mailbox, 2);
+    EXPECT_EQ(m.line, "KL1001");
+    EXPECT_EQ(m.callerNumber, "5551234");
+    EXPECT_EQ(m.callerName, "JANE DOE");
+    EXPECT_GE(m.received, before);
+    EXPECT_LE(m.received, ::time(nullptr));
+    EXPECT_EQ(m.durationMs, 3000);
+    EXPECT_EQ(m.state, "new");
+
+    const AudioInfo wav = fetch(m.id);
+    EXPECT_EQ(wav.rate, 8000);
+    EXPECT_EQ(wav.channels, 1);
+    EXPECT_EQ(wav.frames, 3 * 8000);
+    EXPECT_THAT(wav.format, HasSubstr("WAV"));
+
+    // The recording was the daemon's only while it needed it; the call log
+    // has the call.
+    EXPECT_TRUE(list_dir(root_.path() + "/var/tmp/kal-answer").empty());
+    AnswerClient client;
+    EXPECT_EQ(client.messagesWaiting(), 1u);
+    const auto calls = client.listCalls();
+    ASSERT_FALSE(calls.empty());
+    EXPECT_EQ(calls[0].outcome, "message");
+    EXPECT_EQ(calls[0].messageId, m.id);
+}
+
+TEST_F(AnswerTest, ACorruptGreetingIsRefusedAndTheLineKeepsThePreviousOne) {
+    configure();
+    start_answer();
+    LineSimControl line("KL1001");
+    const std::string first = field(ring_until_answered(line, ""), "path");
+    ASSERT_FALSE(first.empty()) << answer_log();
+    line.send("reversal");
+    line.send("wait-command H 20");
+
+    write_file(greetings_ + "/broken.wav", "RIFF\x24\x00\x00\x00WAVEjunkjunkjunk");
+    write_file(root_.path() + "/etc/kal-answer.conf",
+               "[answer]\nrings = 2\ngreeting = " + greetings_ + "/broken.wav\n");
+    answer_->signal(SIGHUP);
+    ASSERT_TRUE(wait_for([&] { return answer_count("keeping the configuration we had") == 1; }))
+        << answer_log();
+    EXPECT_THAT(answer_log(),
+                HasSubstr("kal-answer.conf:3: key 'greeting' in [answer]: cannot read " +
+                          greetings_ + "/broken.wav as audio"));
+
+    EXPECT_EQ(field(ring_until_answered(line, ""), "path"), first);
+}
+
+TEST_F(AnswerTest, ACorruptGreetingAtStartUpIsAClearError) {
+    write_file(greetings_ + "/broken.wav", "not audio at all");
+    write_file(root_.path() + "/etc/kal-answer.conf",
+               "[answer]\n[mailbox 1]\nbusy_greeting = " + greetings_ + "/broken.wav\n");
+    ChildProcess answer({bin_path("kal-answer"), "--sounds", KAL_TEST_SOUNDS_DIR}, {},
+                        root_.path() + "/answer-0.txt");
+    const int status = answer.wait_exit();
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 1) << status;
+    EXPECT_THAT(answer_log(), HasSubstr("kal-answer.conf:3: key 'busy_greeting' in [mailbox 1]"));
+}
+
+TEST_F(AnswerTest, KilledInTheMiddleOfAMessageItLosesNothingItHadAndListsNoHalfMessage) {
+    configure();
+    start_answer();
+    LineSimControl line("KL1001");
+    ASSERT_THAT(ring_until_answered(line, "5551111 FIRST"), StartsWith("ok P "));
+    const auto first = messages_when(1);
+    ASSERT_EQ(first.size(), 1u);
+
+    // A second caller speaks for a minute; kal-answer dies as they do.
+    write_file(root_.path() + "/etc/kal-answer.conf",
+               "[answer]\nrings = 2\nmax_message_length = 60\nmin_message_length = 1\n");
+    answer_->signal(SIGHUP);
+    ASSERT_TRUE(wait_for([&] { return answer_count("configuration read again") == 1; }));
+    ASSERT_THAT(ring_until_answered(line, "5552222 SECOND"), StartsWith("ok P "));
+    ASSERT_THAT(line.send("wait-command R 20"), StartsWith("ok R "));
+    answer_->signal(SIGKILL);
+    answer_->wait_exit();
+    answer_.reset();
+
+    start_answer();
+    EXPECT_THAT(answer_log(), HasSubstr("1 calls closed as interrupted"));
+    AnswerClient client;
+    const auto after = client.listMessages();
+    ASSERT_EQ(after.size(), 1u);
+    EXPECT_EQ(after[0].id, first[0].id);
+    EXPECT_EQ(after[0].callerNumber, "5551111");
+    EXPECT_EQ(fetch(after[0].id).frames, 3 * 8000);
+    const auto calls = client.listCalls();
+    ASSERT_GE(calls.size(), 2u);
+    EXPECT_EQ(calls[0].callerNumber, "5552222");
+    EXPECT_EQ(calls[0].outcome, "interrupted");
+}
+
+TEST_F(AnswerTest, AfterTheDaemonRestartsItRegistersAgainAndAnswersTheNextCall) {
+    configure();
+    start_answer();
+    stop_daemon();
+    ASSERT_TRUE(wait_for([&] { return answer_count("kaldevicemaster went away") == 1; }))
+        << answer_log();
+    start_daemon("Adding logtrasher thread", {"KAL_LINESIM_SPEED=100"});
+    ASSERT_TRUE(wait_for([&] { return answer_count("registered with kaldevicemaster") == 2; }))
+        << answer_log();
+
+    LineSimControl line("KL1001");
+    ASSERT_THAT(ring_until_answered(line, "5553333 AFTER"), StartsWith("ok P ")) << answer_log();
+    const auto list = messages_when(1);
+    ASSERT_EQ(list.size(), 1u);
+    EXPECT_EQ(list[0].callerNumber, "5553333");
+    EXPECT_EQ(list[0].mailbox, 1);
+}
+
+}  // namespace
