@@ -115,6 +115,22 @@ class AnswerTest : public DaemonTest {
         return probe_audio(copy);
     }
 
+    struct Outcome {
+        int status;
+        std::string out;
+    };
+    // kalctl as a person runs it.
+    Outcome kalctl(const std::vector<std::string>& args) {
+        const std::string out = root_.path() + "/kalctl.out";
+        std::vector<std::string> argv = {"/bin/sh", "-c", "exec \"$0\" \"$@\" >\"$KALCTL_OUT\"",
+                                         bin_path("kalctl")};
+        argv.insert(argv.end(), args.begin(), args.end());
+        ChildProcess p(argv, {"KALCTL_OUT=" + out}, root_.path() + "/kalctl.err");
+        const int status = p.wait_exit();
+        return {WIFEXITED(status) ? WEXITSTATUS(status) : -1,
+                read_file(out) + read_file(root_.path() + "/kalctl.err")};
+    }
+
     std::string greetings_;
     std::unique_ptr<ChildProcess> answer_;
     int starts_ = 0;
@@ -252,6 +268,88 @@ TEST_F(AnswerTest, AfterTheDaemonRestartsItRegistersAgainAndAnswersTheNextCall) 
     ASSERT_EQ(list.size(), 1u);
     EXPECT_EQ(list[0].callerNumber, "5553333");
     EXPECT_EQ(list[0].mailbox, 1);
+}
+
+TEST_F(AnswerTest, KalctlListsPlaysMarksAndDeletesMessagesAndShowsTheCalls) {
+    configure();
+    start_answer();
+    LineSimControl line("KL1001");
+    ASSERT_THAT(ring_until_answered(line, "5551234 JANE DOE"), StartsWith("ok P "));
+    messages_when(1);
+    ASSERT_THAT(ring_until_answered(line, ""), StartsWith("ok P "));
+    const auto list = messages_when(2);
+    ASSERT_EQ(list.size(), 2u);
+
+    Outcome o = kalctl({"messages"});
+    EXPECT_EQ(o.status, 0) << o.out;
+    EXPECT_THAT(o.out, HasSubstr("5551234 JANE DOE"));
+    EXPECT_THAT(o.out, HasSubstr("withheld"));
+    EXPECT_THAT(o.out, HasSubstr("3.0 s  new"));
+
+    const std::string wav = root_.path() + "/exported.wav";
+    o = kalctl({"messages", "play", std::to_string(list[0].id), wav});
+    EXPECT_EQ(o.status, 0) << o.out;
+    EXPECT_THAT(o.out, HasSubstr("8000 Hz, 1 channel, 3.0 s"));
+    EXPECT_EQ(probe_audio(wav).frames, 3 * 8000);
+
+    EXPECT_EQ(kalctl({"messages", "heard", std::to_string(list[0].id)}).status, 0);
+    EXPECT_EQ(kalctl({"messages", "delete", std::to_string(list[1].id)}).status, 0);
+    AnswerClient client;
+    const auto after = client.listMessages();
+    ASSERT_EQ(after.size(), 1u);
+    EXPECT_EQ(after[0].state, "heard");
+    EXPECT_EQ(client.messagesWaiting(), 0u);
+
+    o = kalctl({"messages", "delete", std::to_string(list[1].id)});
+    EXPECT_EQ(o.status, 1);
+    EXPECT_THAT(o.out, HasSubstr("There is no message"));
+
+    o = kalctl({"calls"});
+    EXPECT_EQ(o.status, 0) << o.out;
+    EXPECT_THAT(o.out, HasSubstr("message #" + std::to_string(list[0].id)));
+
+    answer_->signal(SIGTERM);
+    answer_->wait_exit();
+    answer_.reset();
+    o = kalctl({"messages"});
+    EXPECT_EQ(o.status, 3);
+    EXPECT_THAT(o.out, HasSubstr("kal-answer is not running"));
+}
+
+TEST_F(AnswerTest, TheOwnerChecksRemotelyWithThePinAndSavesTheMessage) {
+    configure("remote_check_digit = *\n[mailbox 1]\npin = 1234");
+    start_answer();
+    LineSimControl line("KL1001");
+    ASSERT_THAT(ring_until_answered(line, ""), StartsWith("ok P "));
+    const auto left = messages_when(1);
+
+    // The owner calls, presses * during the greeting, then the PIN.
+    ASSERT_THAT(ring_until_answered(line, ""), StartsWith("ok P "));
+    line.send("digits *");
+    EXPECT_THAT(line.send("wait-command P 20"), HasSubstr("enter-pin.raw"));
+    line.send("digits 1234");
+    const std::string menu = line.send("wait-command P 20");
+    EXPECT_THAT(menu, HasSubstr("/var/tmp/kal-answer/check-menu")) << answer_log();
+    // 1: the new messages. The first comes with its spoken envelope.
+    line.send("digits 1");
+    const std::string message = line.send("wait-command P 20");
+    ASSERT_THAT(message, HasSubstr("/var/tmp/kal-answer/message-")) << answer_log();
+    EXPECT_THAT(line.send("wait-command P 20"), HasSubstr("message-menu.raw"));
+    // 2: save it. No more new messages: back to the main menu.
+    line.send("digits 2");
+    EXPECT_THAT(line.send("wait-command P 20"), HasSubstr("/var/tmp/kal-answer/check-menu"));
+    // The owner hangs up: the check ends with the line, and the exchange's
+    // busy tone tells kal-answer.
+    line.send("reversal");
+    line.send("tone busy");
+
+    AnswerClient client;
+    ASSERT_TRUE(wait_for([&] { return client.listCalls()[0].outcome == "remote-check"; }))
+        << answer_log();
+    const auto after = client.listMessages();
+    ASSERT_EQ(after.size(), 1u);
+    EXPECT_EQ(after[0].id, left[0].id);
+    EXPECT_EQ(after[0].state, "saved");
 }
 
 }  // namespace
