@@ -131,7 +131,7 @@ int calls(AnswerClient& client, const Invocation& inv, std::ostream& out) {
 std::vector<CommandSpec> answer_command_specs() {
     return {
         {"messages",
-         "[list | play ID FILE.wav | delete ID | heard ID]",
+         "[list|play ID FILE.wav|delete ID|heard ID]",
          0,
          3,
          "the answering machine's messages (kal-answer)",
