@@ -10,10 +10,12 @@
 
 #include <fstream>
 #include <regex>
+#include <set>
 
 #include "../daemon/daemon_fixture.h"
 #include "answer/answer_client.h"
 #include "answer/audio.h"
+#include "answer/bus_service.h"
 #include "audio_fixture.h"
 #include "service/sd_bus_handles.h"
 
@@ -350,6 +352,97 @@ TEST_F(AnswerTest, TheOwnerChecksRemotelyWithThePinAndSavesTheMessage) {
     ASSERT_EQ(after.size(), 1u);
     EXPECT_EQ(after[0].id, left[0].id);
     EXPECT_EQ(after[0].state, "saved");
+}
+
+// The interface file is the contract desktop programs read: every member
+// it names is served, and the service serves nothing it leaves out.
+TEST_F(AnswerTest, ServesExactlyTheInterfaceItsXmlDescribes) {
+    configure();
+    start_answer();
+    sd_bus* raw = nullptr;
+    ASSERT_GE(sd_bus_open_system(&raw), 0);
+    BusPtr bus(raw);
+    BusError error;
+    sd_bus_message* reply = nullptr;
+    ASSERT_GE(sd_bus_call_method(raw, kAnswerBusName, kAnswerObjectPath,
+                                 "org.freedesktop.DBus.Introspectable", "Introspect", error.get(),
+                                 &reply, ""),
+              0);
+    MessagePtr own(reply);
+    const char* xml = nullptr;
+    ASSERT_GT(sd_bus_message_read_basic(reply, 's', &xml), 0);
+    const std::string served = xml;
+    const std::string contract =
+        read_file(std::string(KAL_SOURCE_DIR) + "/data/dbus/com.orvane.answer.xml");
+    const std::regex member("<(method|signal|property) name=\"([A-Za-z]+)\"");
+    const auto members = [&](const std::string& text) {
+        std::set<std::string> out;
+        for (std::sregex_iterator it(text.begin(), text.end(), member), end; it != end; ++it)
+            out.insert((*it)[1].str() + " " + (*it)[2].str());
+        return out;
+    };
+    const auto ours = [&] {
+        // Only our interface's part of the introspection.
+        const size_t at = served.find("interface name=\"com.orvane.KALAnswer\"");
+        return served.substr(at, served.find("</interface>", at) - at);
+    }();
+    EXPECT_EQ(members(ours), members(contract));
+}
+
+TEST_F(AnswerTest, ANewMessageIsSignalledAndTheCommandRunsWithItsDetails) {
+    const std::string seen = root_.path() + "/announced.txt";
+    configure("announce_command = env | grep ^KAL_MESSAGE | sort > " + seen);
+    start_answer();
+    // Listen for the signal as a desktop notifier would.
+    sd_bus* raw = nullptr;
+    ASSERT_GE(sd_bus_open_system(&raw), 0);
+    BusPtr bus(raw);
+    uint32_t waiting = 0;
+    std::string from;
+    sd_bus_slot* slot = nullptr;
+    struct Seen {
+        uint32_t* waiting;
+        std::string* from;
+    } target{&waiting, &from};
+    ASSERT_GE(sd_bus_match_signal(
+                  raw, &slot, kAnswerBusName, kAnswerObjectPath, kAnswerInterface, "NewMessage",
+                  [](sd_bus_message* m, void* userdata, sd_bus_error*) {
+                      auto* t = static_cast<Seen*>(userdata);
+                      int64_t id, received, duration;
+                      int32_t mailbox;
+                      const char *line, *number, *name;
+                      sd_bus_message_read(m, "xisssxxu", &id, &mailbox, &line, &number, &name,
+                                          &received, &duration, t->waiting);
+                      *t->from = number;
+                      return 0;
+                  },
+                  &target),
+              0);
+    SlotPtr own_slot(slot);
+
+    LineSimControl line("KL1001");
+    ASSERT_THAT(ring_until_answered(line, "5551234 JANE DOE"), StartsWith("ok P "));
+    ASSERT_TRUE(wait_for([&] {
+        while (sd_bus_process(raw, nullptr) > 0) {
+        }
+        return waiting > 0;
+    })) << answer_log();
+    EXPECT_EQ(waiting, 1u);
+    EXPECT_EQ(from, "5551234");
+
+    ASSERT_TRUE(wait_for([&] { return read_file(seen).find("WAITING") != std::string::npos; }));
+    const std::string env = read_file(seen);
+    EXPECT_THAT(env, HasSubstr("KAL_MESSAGE_CALLER_NUMBER=5551234\n"));
+    EXPECT_THAT(env, HasSubstr("KAL_MESSAGE_CALLER_NAME=JANE DOE\n"));
+    EXPECT_THAT(env, HasSubstr("KAL_MESSAGE_DURATION=3.0\n"));
+    EXPECT_THAT(env, HasSubstr("KAL_MESSAGE_MAILBOX=1\n"));
+    EXPECT_THAT(env, HasSubstr("KAL_MESSAGE_LINE=KL1001\n"));
+    EXPECT_THAT(env, HasSubstr("KAL_MESSAGES_WAITING=1\n"));
+    const std::string file = [&] {
+        const size_t at = env.find("KAL_MESSAGE_FILE=") + 17;
+        return env.substr(at, env.find('\n', at) - at);
+    }();
+    EXPECT_EQ(probe_audio(file).frames, 3 * 8000);
 }
 
 }  // namespace

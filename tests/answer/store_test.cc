@@ -282,6 +282,12 @@ pin = 4321
     EXPECT_EQ(c.mailbox_for_pin("0000"), nullptr);
 }
 
+TEST(ConfigTest, TheSampleConfigurationReads) {
+    const Config c = load_config(std::string(KAL_SOURCE_DIR) + "/data/answer/kal-answer.conf");
+    EXPECT_EQ(c.defaults.rings, 4);
+    EXPECT_EQ(c.mailbox_for_pin("4321")->number, 2);
+}
+
 TEST(ConfigTest, MistakesNameTheFileLineAndKey) {
     struct Case {
         const char* text;
