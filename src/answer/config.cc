@@ -27,6 +27,7 @@ struct Reading {
     const std::string* text;
     size_t at = 0;
     int line = 0;
+    int tooLong = 0;  // the line inih's fixed buffer cannot hold, if any
     std::vector<Entry> entries;
 };
 
@@ -36,7 +37,12 @@ char* read_line(char* buf, int size, void* stream) {
         return nullptr;
     const size_t nl = r->text->find('\n', r->at);
     const size_t end = nl == std::string::npos ? r->text->size() : nl + 1;
-    const size_t n = std::min(end - r->at, static_cast<size_t>(size - 1));
+    if (end - r->at > static_cast<size_t>(size - 1)) {
+        // inih would cut it and read the rest as a line of its own.
+        r->tooLong = r->line + 1;
+        return nullptr;
+    }
+    const size_t n = end - r->at;
     std::memcpy(buf, r->text->data() + r->at, n);
     buf[n] = '\0';
     r->at += n;
@@ -306,6 +312,10 @@ Config parse_config(const std::string& text, const std::string& name, const Audi
     Reading reading;
     reading.text = &text;
     const int rc = ini_parse_stream(read_line, &reading, on_entry, &reading);
+    if (reading.tooLong)
+        throw ConfigError(name + ":" + std::to_string(reading.tooLong) +
+                          ": the line is too long (at most " + std::to_string(INI_MAX_LINE - 2) +
+                          " characters; put a long announce_command in a script)");
     if (rc > 0)
         throw ConfigError(name + ":" + std::to_string(rc) +
                           ": not a [section] or key = value line");

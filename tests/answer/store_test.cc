@@ -290,7 +290,7 @@ TEST(ConfigTest, TheSampleConfigurationReads) {
 
 TEST(ConfigTest, MistakesNameTheFileLineAndKey) {
     struct Case {
-        const char* text;
+        std::string text;
         const char* expected;
     } cases[] = {
         {"[answer]\n\nrings = many\n", "a.conf:3: key 'rings' in [answer]: 'many' is not"},
@@ -302,6 +302,8 @@ TEST(ConfigTest, MistakesNameTheFileLineAndKey) {
         {"[answer]\ngreeting = relative.wav\n", "must be an absolute path"},
         {"[speakers]\nvolume = 11\n", "a.conf:2: key 'volume' in [speakers]: unknown section"},
         {"[answer]\nthis line is not ini\n", "a.conf:2: not a [section]"},
+        {"[answer]\nrings = 2\nannounce_command = echo \"" + std::string(300, 'x') + "\"\n",
+         "a.conf:3: the line is too long"},
         {"[answer]\nremote_check_digit = 2\n[mailbox 2]\npin = 1234\n",
          "also the digit of mailbox 2"},
         {"[answer]\noutbound_delivery = yes\n", "outbound_delivery needs outbound_number"},
