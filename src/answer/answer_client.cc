@@ -24,8 +24,8 @@ AnswerClient::AnswerClient() {
     const int r = sd_bus_open_system_with_description(&raw, "kal-answer-client");
     bus_.reset(raw);
     if (r < 0)
-        throw AnswerError("", std::string("cannot connect to the system bus: ") +
-                                  std::strerror(-r));
+        throw AnswerError("",
+                          std::string("cannot connect to the system bus: ") + std::strerror(-r));
 }
 
 MessagePtr AnswerClient::call(const char* member, const char* types, ...) {
@@ -52,10 +52,10 @@ MessagePtr AnswerClient::call(const char* member, const char* types, ...) {
             throw AnswerError(name, "kal-answer is not running (no one owns " +
                                         std::string(kAnswerBusName) + " on the system bus)");
         if (!std::strcmp(name, SD_BUS_ERROR_ACCESS_DENIED))
-            throw AnswerError(name, "the system bus does not let you talk to kal-answer: run "
-                                    "as root or as a member of the group kal");
-        throw AnswerError(name, error.get()->message ? error.get()->message
-                                                     : std::strerror(-r));
+            throw AnswerError(name,
+                              "the system bus does not let you talk to kal-answer: run "
+                              "as root or as a member of the group kal");
+        throw AnswerError(name, error.get()->message ? error.get()->message : std::strerror(-r));
     }
     return out;
 }
@@ -67,8 +67,8 @@ std::vector<MessageInfo> AnswerClient::listMessages(int32_t mailbox) {
     while (r > 0) {
         MessageInfo m;
         const char *line = nullptr, *number = nullptr, *name = nullptr, *state = nullptr;
-        r = sd_bus_message_read(reply.get(), "(xisssxxs)", &m.id, &m.mailbox, &line, &number,
-                                &name, &m.received, &m.durationMs, &state);
+        r = sd_bus_message_read(reply.get(), "(xisssxxs)", &m.id, &m.mailbox, &line, &number, &name,
+                                &m.received, &m.durationMs, &state);
         if (r <= 0)
             break;
         m.line = line;
@@ -110,8 +110,8 @@ std::vector<CallInfo> AnswerClient::listCalls(int32_t limit) {
     while (r > 0) {
         CallInfo c;
         const char *line = nullptr, *number = nullptr, *name = nullptr, *outcome = nullptr;
-        r = sd_bus_message_read(reply.get(), "(xsssxsx)", &c.id, &line, &number, &name,
-                                &c.started, &outcome, &c.messageId);
+        r = sd_bus_message_read(reply.get(), "(xsssxsx)", &c.id, &line, &number, &name, &c.started,
+                                &outcome, &c.messageId);
         if (r <= 0)
             break;
         c.line = line;
@@ -128,9 +128,9 @@ std::vector<CallInfo> AnswerClient::listCalls(int32_t limit) {
 uint32_t AnswerClient::messagesWaiting() {
     BusError error;
     uint32_t waiting = 0;
-    const int r = sd_bus_get_property_trivial(bus_.get(), kAnswerBusName, kAnswerObjectPath,
-                                              kAnswerInterface, "MessagesWaiting", error.get(),
-                                              'u', &waiting);
+    const int r =
+        sd_bus_get_property_trivial(bus_.get(), kAnswerBusName, kAnswerObjectPath, kAnswerInterface,
+                                    "MessagesWaiting", error.get(), 'u', &waiting);
     if (r < 0)
         throw AnswerError(error.get()->name ? error.get()->name : "",
                           error.get()->message ? error.get()->message : std::strerror(-r));

@@ -187,11 +187,17 @@ void Answerer::refreshLines() {
 }
 
 void Answerer::handle(const Notification& n) {
+    if (!client_)
+        return;
     if (n.name == kal_ResourceAvailabilityChanged) {
         refreshLines();
         return;
     }
     const std::string token = info(n, kal_Token).str();
+    if (n.name == kal_RequestComplete && outbound_.count(token)) {
+        onOutboundComplete(token, n);
+        return;
+    }
     if (n.name == kal_RequestComplete || n.name == kal_PleaseProvideNextMessageForVMCheck ||
         n.name == kal_PleaseRestartVMCheck) {
         for (auto& [serial, call] : lines_) {
@@ -472,14 +478,30 @@ void Answerer::deliverOutbound(const LineCall& call, const Message& m) {
         const std::string ogm = handOver(audio, "outbound");
         // Option bit 32: after the message, listen whether the callee is
         // still there, and play it again while they are.
-        const std::string code = client_->beginVMNodeForResource(
-            call.serial, "kal-answer-outbound-" + std::to_string(m.id), ogm, "", {}, 0, 0, 32,
-            cfg.outboundNumber);
+        const std::string token = "kal-answer-outbound-" + std::to_string(m.id);
+        const std::string code = client_->beginVMNodeForResource(call.serial, token, ogm, "", {}, 0,
+                                                                 0, 32, cfg.outboundNumber);
         note(call.serial + ": delivering message " + std::to_string(m.id) + " to " +
              cfg.outboundNumber + ": " + code);
+        if (ok(code))
+            outbound_[token] = ogm;
+        else
+            ::unlink(ogm.c_str());
     } catch (const std::exception& e) {
         note(std::string("cannot deliver a message: ") + e.what());
     }
+}
+
+void Answerer::onOutboundComplete(const std::string& token, const Notification& n) {
+    const std::string code = info(n, kal_ResponseCode).str();
+    note(serial_of(n) + ": delivery " + token + ": " + code);
+    // The callee answered: the message plays now, and another report
+    // follows when it is over. Any other report is the last one. The daemon
+    // never deletes a greeting it was given: we do.
+    if (code == kal_ResponseCode_Call_OK)
+        return;
+    ::unlink(outbound_[token].c_str());
+    outbound_.erase(token);
 }
 
 void Answerer::startCheck(LineCall& call, const MailboxConfig& box) {

@@ -118,6 +118,7 @@ class Answerer {
     void storeMessage(LineCall& call);
     void endCall(LineCall& call, CallOutcome outcome, int64_t messageId = 0);
     void deliverOutbound(const LineCall& call, const Message& m);
+    void onOutboundComplete(const std::string& token, const client::Notification& n);
 
     std::string newToken(const LineCall& call);
     std::string newSpoolFile(const std::string& stem, const char* ext) const;
@@ -135,6 +136,9 @@ class Answerer {
     GreetingCache greetings_;
     client::Client* client_ = nullptr;
     std::map<std::string, LineCall> lines_;
+    // Deliveries to the outbound number under way: token -> the audio
+    // handed to the daemon, deleted when the delivery is over.
+    std::map<std::string, std::string> outbound_;
     MessageHandler onMessage_;
     uint64_t tokens_ = 0;
 };

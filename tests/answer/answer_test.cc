@@ -354,6 +354,41 @@ TEST_F(AnswerTest, TheOwnerChecksRemotelyWithThePinAndSavesTheMessage) {
     EXPECT_EQ(after[0].state, "saved");
 }
 
+TEST_F(AnswerTest, LinesPluggedInAreAnsweredAndLinesPulledOutAreLetGo) {
+    configure();
+    start_answer();
+    const std::string port = ports_.add_adapter(2, "ZR2002");
+    ASSERT_TRUE(wait_for([&] { return answer_count("ZR2002: answering this line") == 1; }))
+        << answer_log();
+    LineSimControl line("ZR2002");
+    ASSERT_THAT(ring_until_answered(line, "5554444 PLUGGED"), StartsWith("ok P ")) << answer_log();
+    const auto list = messages_when(1);
+    EXPECT_EQ(list[0].line, "ZR2002");
+
+    ports_.unplug(port);
+    EXPECT_TRUE(wait_for([&] { return answer_count("ZR2002: the line is gone") == 1; }))
+        << answer_log();
+}
+
+TEST_F(AnswerTest, NewMessagesAreDeliveredToTheOutboundNumber) {
+    configure("outbound_delivery = yes\noutbound_number = 5550100");
+    start_answer();
+    LineSimControl line("KL1001");
+    ASSERT_THAT(ring_until_answered(line, "5551234 JANE DOE"), StartsWith("ok P "));
+    messages_when(1);
+    // The daemon dials while it listens to the line, then plays the
+    // message (with its envelope) to whoever answered.
+    ASSERT_THAT(line.send("wait-command R 20"), HasSubstr("/message-"));  // the message
+    const std::string dial = line.send("wait-command R 20");
+    ASSERT_THAT(dial, HasSubstr("dial=5550100")) << answer_log();
+    line.send("silence");
+    const std::string play = line.send("wait-command P 20");
+    EXPECT_THAT(play, HasSubstr("/var/tmp/kal-answer/outbound")) << answer_log();
+    // Once the delivery is over, nothing is left in the spool.
+    EXPECT_TRUE(wait_for([&] { return list_dir(root_.path() + "/var/tmp/kal-answer").empty(); }))
+        << answer_log();
+}
+
 // The interface file is the contract desktop programs read: every member
 // it names is served, and the service serves nothing it leaves out.
 TEST_F(AnswerTest, ServesExactlyTheInterfaceItsXmlDescribes) {
