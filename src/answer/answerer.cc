@@ -23,6 +23,9 @@ using client::Notification;
 // A remote check the daemon stopped asking about (the caller hung up in a
 // way no event tells, or walked away) is closed after this long.
 constexpr auto kCheckIdle = std::chrono::seconds(120);
+// Pressed before a PIN: record a new greeting for that mailbox.
+constexpr const char kRecordGreetingKey[] = "9";
+
 // Rings come every six seconds or so; none for this long means the caller
 // gave up before we answered.
 constexpr auto kRingsStopped = std::chrono::seconds(8);
@@ -74,6 +77,8 @@ const char* call_state_name(CallState state) {
             return "PinEntry";
         case CallState::Checking:
             return "Checking";
+        case CallState::RecordingGreeting:
+            return "RecordingGreeting";
     }
     return "?";
 }
@@ -322,7 +327,9 @@ void Answerer::answer(LineCall& call) {
         choices.push_back(cfg.remoteDigit);
 
     const MailboxConfig* box = config_.mailbox(cfg.defaultMailbox);
-    std::string ogm = greetingFor(cfg.greeting);
+    std::string ogm = greetingFor(recordedGreeting(cfg.defaultMailbox));
+    if (ogm.empty())
+        ogm = greetingFor(cfg.greeting);
     if (ogm.empty() && box)
         ogm = greetingFor(box->greeting());
     if (ogm.empty())
@@ -347,7 +354,9 @@ void Answerer::startMailbox(LineCall& call, const MailboxConfig& box) {
     call.token = newToken(call);
     call.mailbox = box.number;
     call.rawPath = newSpoolFile("message-" + call.serial, ".raw");
-    const std::string ogm = greetingFor(box.greeting());
+    std::string ogm = greetingFor(recordedGreeting(box.number));
+    if (ogm.empty())
+        ogm = greetingFor(box.greeting());
     const std::string code =
         client_->beginVMNodeForResource(call.serial, call.token, ogm, call.rawPath, {},
                                         cfg.maxMessageLength, 0, cfg.fax ? 0 : 4, "");
@@ -362,8 +371,10 @@ void Answerer::startMailbox(LineCall& call, const MailboxConfig& box) {
 void Answerer::startPinEntry(LineCall& call) {
     std::vector<std::string> pins;
     for (const auto& [number, box] : config_.mailboxes)
-        if (!box.pin.empty())
+        if (!box.pin.empty()) {
             pins.push_back(box.pin);
+            pins.push_back(kRecordGreetingKey + box.pin);
+        }
     call.token = newToken(call);
     call.rawPath.clear();
     // Multi-digit choices: the daemon collects digits until a whole PIN
@@ -412,9 +423,20 @@ void Answerer::onComplete(LineCall& call, const Notification& n) {
                     startCheck(call, *box);
                     break;
                 }
+                if (cause.starts_with(kRecordGreetingKey))
+                    if (const MailboxConfig* box = config_.mailbox_for_pin(cause.substr(1))) {
+                        startGreetingRecording(call, *box);
+                        break;
+                    }
             }
             note(call.serial + ": no PIN entered");
             endCall(call, CallOutcome::NoMessage);
+            break;
+        case CallState::RecordingGreeting:
+            if (code == kal_ResponseCode_OK_AudioReceived)
+                storeGreeting(call);
+            else
+                endCall(call, CallOutcome::RemoteCheck);
             break;
         case CallState::Checking:
             // Only a failure completes a remote check.
@@ -526,6 +548,45 @@ void Answerer::startCheck(LineCall& call, const MailboxConfig& box) {
         return;
     }
     call.set_state(CallState::Checking, ("PIN of mailbox " + std::to_string(box.number)).c_str());
+}
+
+std::string Answerer::recordedGreeting(int mailbox) const {
+    const std::string path =
+        store_.dir() + "/greetings/recorded-mailbox-" + std::to_string(mailbox) + ".wav";
+    std::error_code ec;
+    return fs::is_regular_file(path, ec) ? path : "";
+}
+
+void Answerer::startGreetingRecording(LineCall& call, const MailboxConfig& box) {
+    call.token = newToken(call);
+    call.mailbox = box.number;
+    call.rawPath = newSpoolFile("greeting-" + call.serial, ".raw");
+    const std::string code = client_->beginVMNodeForResource(
+        call.serial, call.token, sound("record-greeting"), call.rawPath, {}, 60, 0, 4, "");
+    if (!ok(code)) {
+        endCall(call, CallOutcome::RemoteCheck);
+        return;
+    }
+    call.set_state(CallState::RecordingGreeting,
+                   ("a new greeting for mailbox " + std::to_string(box.number)).c_str());
+}
+
+void Answerer::storeGreeting(LineCall& call) {
+    try {
+        const auto samples = trim_trailing_silence(read_raw(call.rawPath));
+        if (samples.size() < kLineRate / 2)
+            throw AudioError("the recorded greeting is shorter than half a second");
+        // Written beside its final name and renamed: a greeting is never
+        // half there.
+        const std::string path =
+            store_.dir() + "/greetings/recorded-mailbox-" + std::to_string(call.mailbox) + ".wav";
+        write_wav(path, samples);
+        note(call.serial + ": a new greeting for mailbox " + std::to_string(call.mailbox) + ", " +
+             std::to_string(samples.size() * 1000 / kLineRate) + " ms");
+    } catch (const std::exception& e) {
+        note(std::string("cannot keep the greeting: ") + e.what());
+    }
+    endCall(call, CallOutcome::RemoteCheck);
 }
 
 void Answerer::restartCheck(LineCall& call, const std::string& prompt) {

@@ -9,13 +9,19 @@
 //   Idle -ring-> Ringing -enough rings-> Greeting -nothing pressed, message-> Idle
 //                   |                       |-mailbox digit-> Recording -message-> Idle
 //                   |-blocked-> Idle        |-remote digit-> PinEntry -PIN-> Checking -> Idle
-//                   |-rings stop-> Idle     |-fax tone-> Idle (the fax machine has it)
+//                   |-rings stop-> Idle     |-fax tone-> Idle     |-9 PIN-> RecordingGreeting ->
+//                   Idle
 //
 // Greeting and Recording are voicemail sessions of the daemon (the main
 // greeting with the mailbox digits as choices and the default mailbox's
 // recording; then a mailbox's greeting and recording); PinEntry is one with
-// the PINs as multi-digit choices; Checking is the daemon's remote check,
-// whose requests for the next message this class answers from the store.
+// the PINs as multi-digit choices (a PIN after 9 records a new greeting for
+// that mailbox instead); Checking is the daemon's remote check, whose
+// requests for the next message this class answers from the store.
+//
+// A greeting recorded over the phone is kept in the store's greetings
+// folder and is what callers hear from then on: the mailbox's greeting, and
+// for the default mailbox the main greeting too.
 //
 // Thread-aware, not thread-safe: everything runs on the thread of the
 // client's loop.
@@ -36,7 +42,7 @@
 
 namespace kal::answer {
 
-enum class CallState { Idle, Ringing, Greeting, Recording, PinEntry, Checking };
+enum class CallState { Idle, Ringing, Greeting, Recording, PinEntry, Checking, RecordingGreeting };
 const char* call_state_name(CallState state);
 
 // Where kal-answer keeps and finds its files.
@@ -113,6 +119,9 @@ class Answerer {
     void startMailbox(LineCall& call, const MailboxConfig& box);
     void startPinEntry(LineCall& call);
     void startCheck(LineCall& call, const MailboxConfig& box);
+    void startGreetingRecording(LineCall& call, const MailboxConfig& box);
+    void storeGreeting(LineCall& call);
+    std::string recordedGreeting(int mailbox) const;  // its path, "" when none
     void onCheckRequest(LineCall& call, const client::Notification& n);
     void restartCheck(LineCall& call, const std::string& prompt);
     void storeMessage(LineCall& call);

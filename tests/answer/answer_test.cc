@@ -354,6 +354,27 @@ TEST_F(AnswerTest, TheOwnerChecksRemotelyWithThePinAndSavesTheMessage) {
     EXPECT_EQ(after[0].state, "saved");
 }
 
+TEST_F(AnswerTest, TheOwnerRecordsANewGreetingOverThePhone) {
+    configure("remote_check_digit = *\n[mailbox 1]\npin = 1234");
+    start_answer();
+    LineSimControl line("KL1001");
+    // *, then 9 and the PIN: record a greeting (the simulator records its
+    // tone for the 60 s allowed).
+    ASSERT_THAT(ring_until_answered(line, ""), StartsWith("ok P "));
+    line.send("digits *");
+    EXPECT_THAT(line.send("wait-command P 20"), HasSubstr("enter-pin.raw"));
+    line.send("digits 91234");
+    EXPECT_THAT(line.send("wait-command P 20"), HasSubstr("record-greeting.raw")) << answer_log();
+    ASSERT_THAT(line.send("wait-command R 20"), StartsWith("ok R "));
+    ASSERT_TRUE(wait_for([&] { return answer_count("a new greeting for mailbox 1, ") == 1; }))
+        << answer_log();
+
+    // The next caller hears it instead of the configured greeting.
+    const std::string greeting = field(ring_until_answered(line, ""), "path");
+    EXPECT_THAT(greeting, HasSubstr("/greetings/recorded-mailbox-1-"));
+    EXPECT_EQ(read_raw(greeting).size(), 60u * 8000);
+}
+
 TEST_F(AnswerTest, LinesPluggedInAreAnsweredAndLinesPulledOutAreLetGo) {
     configure();
     start_answer();
