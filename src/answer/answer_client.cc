@@ -17,6 +17,24 @@ namespace {
                       std::string("unexpected reply to ") + member + ": " + std::strerror(-r));
 }
 
+// Reads an array of `element` from `reply`, one item at a time by `read`
+// (which returns what sd_bus_message_read returned).
+template <typename Item, typename Read>
+std::vector<Item> read_array(sd_bus_message* reply, const char* member, const char* element,
+                             Read&& read) {
+    std::vector<Item> out;
+    int r = sd_bus_message_enter_container(reply, 'a', element);
+    while (r > 0) {
+        Item item;
+        if ((r = read(item)) <= 0)
+            break;
+        out.push_back(std::move(item));
+    }
+    if (r < 0)
+        bad_reply(member, r);
+    return out;
+}
+
 }  // namespace
 
 AnswerClient::AnswerClient() {
@@ -62,24 +80,18 @@ MessagePtr AnswerClient::call(const char* member, const char* types, ...) {
 
 std::vector<MessageInfo> AnswerClient::listMessages(int32_t mailbox) {
     MessagePtr reply = call("ListMessages", "i", mailbox);
-    std::vector<MessageInfo> out;
-    int r = sd_bus_message_enter_container(reply.get(), 'a', "(xisssxxs)");
-    while (r > 0) {
-        MessageInfo m;
-        const char *line = nullptr, *number = nullptr, *name = nullptr, *state = nullptr;
-        r = sd_bus_message_read(reply.get(), "(xisssxxs)", &m.id, &m.mailbox, &line, &number, &name,
-                                &m.received, &m.durationMs, &state);
-        if (r <= 0)
-            break;
-        m.line = line;
-        m.callerNumber = number;
-        m.callerName = name;
-        m.state = state;
-        out.push_back(std::move(m));
-    }
-    if (r < 0)
-        bad_reply("ListMessages", r);
-    return out;
+    return read_array<MessageInfo>(reply.get(), "ListMessages", "(xisssxxs)", [&](MessageInfo& m) {
+        const char *line, *number, *name, *state;
+        const int r = sd_bus_message_read(reply.get(), "(xisssxxs)", &m.id, &m.mailbox, &line,
+                                          &number, &name, &m.received, &m.durationMs, &state);
+        if (r > 0) {
+            m.line = line;
+            m.callerNumber = number;
+            m.callerName = name;
+            m.state = state;
+        }
+        return r;
+    });
 }
 
 unique_fd AnswerClient::openMessage(int64_t id) {
@@ -105,24 +117,18 @@ void AnswerClient::markHeard(int64_t id) {
 
 std::vector<CallInfo> AnswerClient::listCalls(int32_t limit) {
     MessagePtr reply = call("ListCalls", "i", limit);
-    std::vector<CallInfo> out;
-    int r = sd_bus_message_enter_container(reply.get(), 'a', "(xsssxsx)");
-    while (r > 0) {
-        CallInfo c;
-        const char *line = nullptr, *number = nullptr, *name = nullptr, *outcome = nullptr;
-        r = sd_bus_message_read(reply.get(), "(xsssxsx)", &c.id, &line, &number, &name, &c.started,
-                                &outcome, &c.messageId);
-        if (r <= 0)
-            break;
-        c.line = line;
-        c.callerNumber = number;
-        c.callerName = name;
-        c.outcome = outcome;
-        out.push_back(std::move(c));
-    }
-    if (r < 0)
-        bad_reply("ListCalls", r);
-    return out;
+    return read_array<CallInfo>(reply.get(), "ListCalls", "(xsssxsx)", [&](CallInfo& c) {
+        const char *line, *number, *name, *outcome;
+        const int r = sd_bus_message_read(reply.get(), "(xsssxsx)", &c.id, &line, &number, &name,
+                                          &c.started, &outcome, &c.messageId);
+        if (r > 0) {
+            c.line = line;
+            c.callerNumber = number;
+            c.callerName = name;
+            c.outcome = outcome;
+        }
+        return r;
+    });
 }
 
 uint32_t AnswerClient::messagesWaiting() {

@@ -31,6 +31,35 @@ int guarded(sd_bus_error* error, F&& f) {
     }
 }
 
+// Replies to `m` with an array of `element`, one appended by `append` for
+// each of `items`.
+template <typename Items, typename Append>
+int reply_with_array(sd_bus_message* m, const char* element, const Items& items, Append&& append) {
+    sd_bus_message* raw = nullptr;
+    int rc = sd_bus_message_new_method_return(m, &raw);
+    MessagePtr reply(raw);
+    if (rc >= 0)
+        rc = sd_bus_message_open_container(raw, 'a', element);
+    for (const auto& item : items) {
+        if (rc < 0)
+            break;
+        rc = append(raw, item);
+    }
+    if (rc >= 0)
+        rc = sd_bus_message_close_container(raw);
+    return rc < 0 ? rc : sd_bus_send(nullptr, raw, nullptr);
+}
+
+// Reads the one argument of a method, then runs `f` guarded.
+template <typename T, typename F>
+int with_argument(sd_bus_message* m, char type, sd_bus_error* error, F&& f) {
+    T value{};
+    const int r = sd_bus_message_read_basic(m, type, &value);
+    if (r < 0)
+        return r;
+    return guarded(error, [&] { return f(value); });
+}
+
 }  // namespace
 
 // (x id, i mailbox, s line, s number, s name, x received, x duration_ms, s state)
@@ -109,37 +138,20 @@ int BusService::onGetWaiting(sd_bus*, const char*, const char*, const char*, sd_
 }
 
 int BusService::onListMessages(sd_bus_message* m, void* userdata, sd_bus_error* error) {
-    int32_t mailbox = 0;
-    int r = sd_bus_message_read_basic(m, 'i', &mailbox);
-    if (r < 0)
-        return r;
-    return guarded(error, [&] {
-        sd_bus_message* raw = nullptr;
-        int rc = sd_bus_message_new_method_return(m, &raw);
-        MessagePtr reply(raw);
-        if (rc < 0)
-            return rc;
-        rc = sd_bus_message_open_container(raw, 'a', KAL_MESSAGE_STRUCT);
-        for (const auto& msg : self(userdata)->store_.messages(mailbox)) {
-            if (rc < 0)
-                break;
-            rc = sd_bus_message_append(raw, KAL_MESSAGE_STRUCT, msg.id, msg.mailbox,
-                                       msg.line.c_str(), msg.callerNumber.c_str(),
-                                       msg.callerName.c_str(), msg.received, msg.durationMs,
-                                       message_state_name(msg.state));
-        }
-        if (rc >= 0)
-            rc = sd_bus_message_close_container(raw);
-        return rc < 0 ? rc : sd_bus_send(nullptr, raw, nullptr);
+    return with_argument<int32_t>(m, 'i', error, [&](int32_t mailbox) {
+        return reply_with_array(m, KAL_MESSAGE_STRUCT, self(userdata)->store_.messages(mailbox),
+                                [](sd_bus_message* reply, const Message& msg) {
+                                    return sd_bus_message_append(
+                                        reply, KAL_MESSAGE_STRUCT, msg.id, msg.mailbox,
+                                        msg.line.c_str(), msg.callerNumber.c_str(),
+                                        msg.callerName.c_str(), msg.received, msg.durationMs,
+                                        message_state_name(msg.state));
+                                });
     });
 }
 
 int BusService::onOpenMessage(sd_bus_message* m, void* userdata, sd_bus_error* error) {
-    int64_t id = 0;
-    int r = sd_bus_message_read_basic(m, 'x', &id);
-    if (r < 0)
-        return r;
-    return guarded(error, [&] {
+    return with_argument<int64_t>(m, 'x', error, [&](int64_t id) {
         MessageStore& store = self(userdata)->store_;
         const auto msg = store.message(id);
         if (!msg || msg->state == MessageState::Deleted)
@@ -155,11 +167,7 @@ int BusService::onOpenMessage(sd_bus_message* m, void* userdata, sd_bus_error* e
 }
 
 int BusService::onDeleteMessage(sd_bus_message* m, void* userdata, sd_bus_error* error) {
-    int64_t id = 0;
-    int r = sd_bus_message_read_basic(m, 'x', &id);
-    if (r < 0)
-        return r;
-    return guarded(error, [&] {
+    return with_argument<int64_t>(m, 'x', error, [&](int64_t id) {
         if (!self(userdata)->store_.remove(id))
             return no_such_message(error, id);
         self(userdata)->waitingChanged();
@@ -168,11 +176,7 @@ int BusService::onDeleteMessage(sd_bus_message* m, void* userdata, sd_bus_error*
 }
 
 int BusService::onMarkHeard(sd_bus_message* m, void* userdata, sd_bus_error* error) {
-    int64_t id = 0;
-    int r = sd_bus_message_read_basic(m, 'x', &id);
-    if (r < 0)
-        return r;
-    return guarded(error, [&] {
+    return with_argument<int64_t>(m, 'x', error, [&](int64_t id) {
         if (!self(userdata)->store_.set_state(id, MessageState::Heard))
             return no_such_message(error, id);
         self(userdata)->waitingChanged();
@@ -181,27 +185,14 @@ int BusService::onMarkHeard(sd_bus_message* m, void* userdata, sd_bus_error* err
 }
 
 int BusService::onListCalls(sd_bus_message* m, void* userdata, sd_bus_error* error) {
-    int32_t limit = 0;
-    int r = sd_bus_message_read_basic(m, 'i', &limit);
-    if (r < 0)
-        return r;
-    return guarded(error, [&] {
-        sd_bus_message* raw = nullptr;
-        int rc = sd_bus_message_new_method_return(m, &raw);
-        MessagePtr reply(raw);
-        if (rc < 0)
-            return rc;
-        rc = sd_bus_message_open_container(raw, 'a', KAL_CALL_STRUCT);
-        for (const auto& c : self(userdata)->store_.calls(limit > 0 ? limit : 100)) {
-            if (rc < 0)
-                break;
-            rc = sd_bus_message_append(raw, KAL_CALL_STRUCT, c.id, c.line.c_str(),
-                                       c.callerNumber.c_str(), c.callerName.c_str(), c.started,
-                                       call_outcome_name(c.outcome), c.messageId);
-        }
-        if (rc >= 0)
-            rc = sd_bus_message_close_container(raw);
-        return rc < 0 ? rc : sd_bus_send(nullptr, raw, nullptr);
+    return with_argument<int32_t>(m, 'i', error, [&](int32_t limit) {
+        return reply_with_array(
+            m, KAL_CALL_STRUCT, self(userdata)->store_.calls(limit > 0 ? limit : 100),
+            [](sd_bus_message* reply, const CallRecord& c) {
+                return sd_bus_message_append(reply, KAL_CALL_STRUCT, c.id, c.line.c_str(),
+                                             c.callerNumber.c_str(), c.callerName.c_str(),
+                                             c.started, call_outcome_name(c.outcome), c.messageId);
+            });
     });
 }
 
