@@ -23,6 +23,7 @@ using namespace kal;
 using namespace kal::answer;
 using namespace kal::test;
 using ::testing::HasSubstr;
+using ::testing::Not;
 using ::testing::StartsWith;
 
 namespace {
@@ -387,6 +388,31 @@ TEST_F(AnswerTest, TheOwnerRecordsANewGreetingOverThePhone) {
     const std::string greeting = field(ring_until_answered(line, ""), "path");
     EXPECT_THAT(greeting, HasSubstr("/greetings/recorded-mailbox-1-"));
     EXPECT_EQ(read_raw(greeting).size(), 60u * 8000);
+}
+
+TEST_F(AnswerTest, BlockedNumbersAreHungUpOnAndCallsThatStopRingingAreLogged) {
+    configure("block = 555*, withheld");
+    start_answer();
+    LineSimControl line("KL1001");
+    line.send("callerid 5550000 SALES");
+    line.send("ring");
+    line.send("ring");
+    EXPECT_THAT(line.send("wait-command H 20"), StartsWith("ok H")) << answer_log();
+
+    // One ring from someone allowed, who gives up.
+    line.send("clear");
+    line.send("callerid 4441234 PATIENT");
+    line.send("ring");
+    AnswerClient client;
+    ASSERT_TRUE(wait_for([&] { return client.listCalls()[0].outcome == "unanswered"; }))
+        << answer_log();
+    const auto calls = client.listCalls();
+    ASSERT_EQ(calls.size(), 2u);
+    EXPECT_EQ(calls[0].callerNumber, "4441234");
+    EXPECT_EQ(calls[1].callerNumber, "5550000");
+    EXPECT_EQ(calls[1].outcome, "blocked");
+    EXPECT_THAT(line.send("commands"), Not(HasSubstr("P ")));
+    EXPECT_TRUE(client.listMessages().empty());
 }
 
 TEST_F(AnswerTest, LinesPluggedInAreAnsweredAndLinesPulledOutAreLetGo) {
