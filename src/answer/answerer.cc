@@ -23,6 +23,11 @@ using client::Notification;
 // A remote check the daemon stopped asking about (the caller hung up in a
 // way no event tells, or walked away) is closed after this long.
 constexpr auto kCheckIdle = std::chrono::seconds(120);
+// The daemon takes a PIN as finished (and wrong) when no key follows for
+// this long; the third wrong PIN ends the call.
+constexpr auto kPinKeyGap = std::chrono::seconds(3);
+constexpr int kWrongPinsAllowed = 3;
+
 // Pressed before a PIN: record a new greeting for that mailbox.
 constexpr const char kRecordGreetingKey[] = "9";
 
@@ -138,7 +143,7 @@ void Answerer::attach(client::Client& client) {
     for (const char* name :
          {kal_RingDetect, kal_CallerID, kal_RequestComplete, kal_ResourceAvailabilityChanged,
           kal_PleaseProvideNextMessageForVMCheck, kal_PleaseRestartVMCheck, kal_BusyTone,
-          kal_LineReversal, kal_Dialtone})
+          kal_LineReversal, kal_Dialtone, kal_DigitDialed})
         client.subscribe(name);
     for (auto& [serial, call] : lines_)
         if (call.state != CallState::Idle)
@@ -228,6 +233,13 @@ void Answerer::handle(const Notification& n) {
             beginCall(call);  // caller ID before the first ring
         if (call.callId)
             store_.update_call(call.callId, call.caller.number, call.caller.name);
+    } else if (n.name == kal_DigitDialed && call.state == CallState::PinEntry) {
+        // The daemon's PIN session passes every key on as it collects them.
+        const auto now = Clock::now();
+        if (!closePinAttempt(call, now)) {
+            call.pinKeys += info(n, kal_DigitContentsKey).str();
+            call.lastKey = now;
+        }
     } else if (call.state == CallState::Checking &&
                (n.name == kal_BusyTone || n.name == kal_LineReversal || n.name == kal_Dialtone)) {
         // The remote check ends without a report of its own: the exchange
@@ -377,16 +389,29 @@ void Answerer::startPinEntry(LineCall& call) {
         }
     call.token = newToken(call);
     call.rawPath.clear();
-    // Multi-digit choices: the daemon collects digits until a whole PIN
-    // matches; a wrong one replays the prompt, and after the second the
-    // daemon hangs up (option bit 16: two plays).
+    // Multi-digit choices: the daemon collects keys until a whole PIN
+    // matches; a wrong one replays the prompt (five plays at most), and
+    // closePinAttempt() hangs up after the third.
     const std::string code = client_->beginVMNodeForResource(
-        call.serial, call.token, sound("enter-pin"), "", pins, 0, 5, 16, "");
+        call.serial, call.token, sound("enter-pin"), "", pins, 0, 5, 0, "");
     if (!ok(code)) {
         endCall(call, CallOutcome::NoMessage);
         return;
     }
     call.set_state(CallState::PinEntry, "the remote check digit");
+}
+
+bool Answerer::closePinAttempt(LineCall& call, Clock::time_point now) {
+    if (call.pinKeys.empty() || now - call.lastKey < kPinKeyGap)
+        return false;
+    call.pinKeys.clear();
+    ++call.wrongPins;
+    note(call.serial + ": wrong PIN (" + std::to_string(call.wrongPins) + " of " +
+         std::to_string(kWrongPinsAllowed) + ")");
+    if (call.wrongPins < kWrongPinsAllowed)
+        return false;
+    endCall(call, CallOutcome::NoMessage);
+    return true;
 }
 
 void Answerer::onComplete(LineCall& call, const Notification& n) {
@@ -716,6 +741,8 @@ void Answerer::tick(Clock::time_point now) {
             endCall(call, CallOutcome::Unanswered);
         else if (call.state == CallState::Checking && now - call.lastRequest > kCheckIdle)
             endCall(call, CallOutcome::RemoteCheck);
+        else if (call.state == CallState::PinEntry)
+            closePinAttempt(call, now);
     }
 }
 

@@ -16,7 +16,7 @@
 // greeting with the mailbox digits as choices and the default mailbox's
 // recording; then a mailbox's greeting and recording); PinEntry is one with
 // the PINs as multi-digit choices (a PIN after 9 records a new greeting for
-// that mailbox instead); Checking is the daemon's remote check, whose
+// that mailbox instead; the third wrong PIN hangs up); Checking is the daemon's remote check, whose
 // requests for the next message this class answers from the store.
 //
 // A greeting recorded over the phone is kept in the store's greetings
@@ -106,6 +106,11 @@ class Answerer {
         size_t at = 0;
         int64_t presented = 0;
         Clock::time_point lastRequest{};
+        // PIN entry: the keys of the attempt under way, as the daemon passes
+        // them on, and the wrong attempts so far.
+        std::string pinKeys;
+        Clock::time_point lastKey{};
+        int wrongPins = 0;
 
         void set_state(CallState next, const char* why);
     };
@@ -118,6 +123,9 @@ class Answerer {
     void onComplete(LineCall& call, const client::Notification& n);
     void startMailbox(LineCall& call, const MailboxConfig& box);
     void startPinEntry(LineCall& call);
+    // Counts the attempt under way as wrong once the daemon has given up
+    // waiting for more keys; hangs up after the third. True when it did.
+    bool closePinAttempt(LineCall& call, Clock::time_point now);
     void startCheck(LineCall& call, const MailboxConfig& box);
     void startGreetingRecording(LineCall& call, const MailboxConfig& box);
     void storeGreeting(LineCall& call);

@@ -369,6 +369,25 @@ TEST_F(AnswerTest, TheOwnerChecksRemotelyWithThePinAndSavesTheMessage) {
     EXPECT_EQ(after[0].state, "saved");
 }
 
+TEST_F(AnswerTest, ThreeWrongPinsHangUp) {
+    configure("remote_check_digit = *\n[mailbox 1]\npin = 1234");
+    start_answer();
+    LineSimControl line("KL1001");
+    ASSERT_THAT(ring_until_answered(line, ""), StartsWith("ok P "));
+    line.send("digits *");
+    EXPECT_THAT(line.send("wait-command P 20"), HasSubstr("enter-pin.raw"));
+    for (int attempt = 1; attempt <= 3; ++attempt) {
+        line.send("digits 4321");
+        // The prompt again, once the daemon stops waiting for keys.
+        if (attempt < 3) {
+            EXPECT_THAT(line.send("wait-command P 20"), HasSubstr("enter-pin.raw")) << answer_log();
+        }
+    }
+    EXPECT_THAT(line.send("wait-command H 20"), StartsWith("ok H")) << answer_log();
+    EXPECT_EQ(answer_count("wrong PIN"), 3) << answer_log();
+    EXPECT_EQ(AnswerClient().listCalls()[0].outcome, "no-message");
+}
+
 TEST_F(AnswerTest, TheOwnerRecordsANewGreetingOverThePhone) {
     configure("remote_check_digit = *\n[mailbox 1]\npin = 1234");
     start_answer();
