@@ -93,6 +93,7 @@ answer_callers() {
     sim KL1001 digits 2 >/dev/null
     told P
     told R
+    told H  # kal-answer hangs up once the message is kept
     messages_listed 1
     show_answer
 
@@ -103,6 +104,7 @@ answer_callers() {
     sim KL1001 ring
     told P
     told R
+    told H
     messages_listed 2
     show_answer
     echo "-- announced by the configured command:"

@@ -24,8 +24,11 @@ using client::Notification;
 // way no event tells, or walked away) is closed after this long.
 constexpr auto kCheckIdle = std::chrono::seconds(120);
 // The daemon takes a PIN as finished (and wrong) when no key follows for
-// this long; the third wrong PIN ends the call.
+// this long; the third wrong PIN ends the call. A key that comes a little
+// sooner after the last one than that still starts a new attempt: the two
+// notifications may reach us further apart than the daemon saw the keys.
 constexpr auto kPinKeyGap = std::chrono::seconds(3);
+constexpr auto kPinKeyGapSkew = std::chrono::milliseconds(500);
 constexpr int kWrongPinsAllowed = 3;
 
 // Pressed before a PIN: record a new greeting for that mailbox.
@@ -236,7 +239,7 @@ void Answerer::handle(const Notification& n) {
     } else if (n.name == kal_DigitDialed && call.state == CallState::PinEntry) {
         // The daemon's PIN session passes every key on as it collects them.
         const auto now = Clock::now();
-        if (!closePinAttempt(call, now)) {
+        if (!closePinAttempt(call, now + kPinKeyGapSkew)) {
             call.pinKeys += info(n, kal_DigitContentsKey).str();
             call.lastKey = now;
         }
