@@ -54,7 +54,8 @@ class AnswerTest : public DaemonTest {
     void TearDown() override {
         if (answer_) {
             answer_->signal(SIGTERM);
-            answer_->wait_exit();
+            const int status = answer_->wait_exit();
+            EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
         }
         stop_daemon();
     }
