@@ -106,6 +106,18 @@ class AnswerTest : public DaemonTest {
         EXPECT_THAT(line.send("wait-command H 20"), StartsWith("ok H")) << answer_log();
         return greeting;
     }
+    // The owner's call up to the PIN prompt: the rings, * at the greeting.
+    void call_in_for_pin(LineSimControl& line) {
+        ASSERT_THAT(ring_until_answered(line, ""), StartsWith("ok P ")) << answer_log();
+        line.send("digits *");
+        EXPECT_THAT(line.send("wait-command P 20"), HasSubstr("enter-pin.raw")) << answer_log();
+    }
+    // Waits until the newest call in the log has ended with `outcome`.
+    void last_call_ends(const std::string& outcome) {
+        AnswerClient client;
+        EXPECT_TRUE(wait_for([&] { return client.listCalls()[0].outcome == outcome; }))
+            << answer_log();
+    }
     // Presses `key` while a menu of the remote check plays: the check takes
     // keys only as what stops its audio, so a key that falls between two
     // plays (a busy machine) is pressed again during the next one. Returns
@@ -351,9 +363,7 @@ TEST_F(AnswerTest, TheOwnerChecksRemotelyWithThePinAndSavesTheMessage) {
     const auto left = messages_when(1);
 
     // The owner calls, presses * during the greeting, then the PIN.
-    ASSERT_THAT(ring_until_answered(line, ""), StartsWith("ok P "));
-    line.send("digits *");
-    EXPECT_THAT(line.send("wait-command P 20"), HasSubstr("enter-pin.raw"));
+    call_in_for_pin(line);
     line.send("digits 1234");
     const std::string menu = line.send("wait-command P 20");
     EXPECT_THAT(menu, HasSubstr("/var/tmp/kal-answer/check-menu")) << answer_log();
@@ -370,10 +380,8 @@ TEST_F(AnswerTest, TheOwnerChecksRemotelyWithThePinAndSavesTheMessage) {
     line.send("reversal");
     line.send("tone busy");
 
-    AnswerClient client;
-    ASSERT_TRUE(wait_for([&] { return client.listCalls()[0].outcome == "remote-check"; }))
-        << answer_log();
-    const auto after = client.listMessages();
+    last_call_ends("remote-check");
+    const auto after = AnswerClient().listMessages();
     ASSERT_EQ(after.size(), 1u);
     EXPECT_EQ(after[0].id, left[0].id);
     EXPECT_EQ(after[0].state, "saved");
@@ -383,9 +391,7 @@ TEST_F(AnswerTest, ThreeWrongPinsHangUp) {
     configure("remote_check_digit = *\n[mailbox 1]\npin = 1234");
     start_answer();
     LineSimControl line("KL1001");
-    ASSERT_THAT(ring_until_answered(line, ""), StartsWith("ok P "));
-    line.send("digits *");
-    EXPECT_THAT(line.send("wait-command P 20"), HasSubstr("enter-pin.raw"));
+    call_in_for_pin(line);
     for (int attempt = 1; attempt <= 3; ++attempt) {
         line.send("digits 4321");
         // The prompt again, once the daemon stops waiting for keys.
@@ -405,9 +411,7 @@ TEST_F(AnswerTest, TheOwnerRecordsANewGreetingOverThePhone) {
     LineSimControl line("KL1001");
     // *, then 9 and the PIN: record a greeting (the simulator records its
     // tone for the 60 s allowed).
-    ASSERT_THAT(ring_until_answered(line, ""), StartsWith("ok P "));
-    line.send("digits *");
-    EXPECT_THAT(line.send("wait-command P 20"), HasSubstr("enter-pin.raw"));
+    call_in_for_pin(line);
     line.send("digits 91234");
     EXPECT_THAT(line.send("wait-command P 20"), HasSubstr("record-greeting.raw")) << answer_log();
     ASSERT_THAT(line.send("wait-command R 20"), StartsWith("ok R "));
@@ -434,9 +438,8 @@ TEST_F(AnswerTest, BlockedNumbersAreHungUpOnAndCallsThatStopRingingAreLogged) {
     line.send("clear");
     line.send("callerid 4441234 PATIENT");
     line.send("ring");
+    last_call_ends("unanswered");
     AnswerClient client;
-    ASSERT_TRUE(wait_for([&] { return client.listCalls()[0].outcome == "unanswered"; }))
-        << answer_log();
     const auto calls = client.listCalls();
     ASSERT_EQ(calls.size(), 2u);
     EXPECT_EQ(calls[0].callerNumber, "4441234");
