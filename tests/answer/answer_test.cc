@@ -449,6 +449,30 @@ TEST_F(AnswerTest, BlockedNumbersAreHungUpOnAndCallsThatStopRingingAreLogged) {
     EXPECT_TRUE(client.listMessages().empty());
 }
 
+TEST_F(AnswerTest, WithMessagesWaitingTheTollSaverAnswersSoonerAndFaxCallsAreHandedOn) {
+    write_file(root_.path() + "/etc/kal-answer.conf",
+               "[answer]\nrings = 3\ntoll_saver_rings = 1\nmax_message_length = 3\n"
+               "min_message_length = 1\n");
+    start_answer();
+    LineSimControl line("KL1001");
+    line.send("ring");
+    line.send("ring");
+    EXPECT_THAT(line.send("wait-command P 1"), HasSubstr("timed out"));  // two rings: not yet
+    line.send("ring");
+    ASSERT_THAT(line.send("wait-command P 20"), StartsWith("ok P ")) << answer_log();
+    ASSERT_THAT(line.send("wait-command H 20"), StartsWith("ok H"));
+    messages_when(1);
+
+    // A message waits: the first ring is answered. A fax machine calls.
+    line.send("clear");
+    line.send("ring");
+    ASSERT_THAT(line.send("wait-command P 20"), StartsWith("ok P ")) << answer_log();
+    line.send("tone fax");
+    last_call_ends("fax");
+    // The line is the fax machine's now: kal-answer does not hang up.
+    EXPECT_THAT(line.send("wait-command H 1"), HasSubstr("timed out"));
+}
+
 TEST_F(AnswerTest, LinesPluggedInAreAnsweredAndLinesPulledOutAreLetGo) {
     configure();
     start_answer();
