@@ -473,6 +473,17 @@ TEST_F(AnswerTest, WithMessagesWaitingTheTollSaverAnswersSoonerAndFaxCallsAreHan
     EXPECT_THAT(line.send("wait-command H 1"), HasSubstr("timed out"));
 }
 
+TEST_F(AnswerTest, MessagesShorterThanTheMinimumAreDropped) {
+    write_file(root_.path() + "/etc/kal-answer.conf",
+               "[answer]\nrings = 2\nmax_message_length = 3\nmin_message_length = 5\n");
+    start_answer();
+    LineSimControl line("KL1001");
+    leave_message(line, "5551234 JANE DOE");
+    last_call_ends("no-message");
+    EXPECT_TRUE(AnswerClient().listMessages().empty());
+    EXPECT_TRUE(list_dir(root_.path() + "/var/tmp/kal-answer").empty());
+}
+
 TEST_F(AnswerTest, LinesPluggedInAreAnsweredAndLinesPulledOutAreLetGo) {
     configure();
     start_answer();
