@@ -181,16 +181,12 @@ void Answerer::refreshLines() {
     if (!client_)
         return;
     const auto now = client_->resources();
-    for (auto it = lines_.begin(); it != lines_.end();) {
-        if (std::find(now.begin(), now.end(), it->first) != now.end()) {
-            ++it;
-            continue;
-        }
-        note(it->first + ": the line is gone");
-        if (it->second.state != CallState::Idle)
-            endCall(it->second, CallOutcome::Interrupted);
-        it = lines_.erase(it);
-    }
+    std::vector<std::string> gone;
+    for (const auto& [serial, call] : lines_)
+        if (std::find(now.begin(), now.end(), serial) == now.end())
+            gone.push_back(serial);
+    for (const auto& serial : gone)
+        dropLine(serial);
     for (const auto& serial : now)
         if (!lines_.count(serial)) {
             line(serial);
@@ -199,11 +195,27 @@ void Answerer::refreshLines() {
         }
 }
 
+void Answerer::dropLine(const std::string& serial) {
+    auto it = lines_.find(serial);
+    if (it == lines_.end())
+        return;
+    note(serial + ": the line is gone");
+    if (it->second.state != CallState::Idle)
+        endCall(it->second, CallOutcome::Interrupted);
+    lines_.erase(it);
+}
+
 void Answerer::handle(const Notification& n) {
     if (!client_)
         return;
     if (n.name == kal_ResourceAvailabilityChanged) {
-        refreshLines();
+        // The daemon may tell of a vanished line before its list of lines
+        // no longer has it: the notification decides for that line.
+        const Value& available = info(n, kal_ResourceAvailabilityKey);
+        if (available.is<int32_t>() && available.as<int32_t>() == 0)
+            dropLine(serial_of(n));
+        else
+            refreshLines();
         return;
     }
     const std::string token = info(n, kal_Token).str();

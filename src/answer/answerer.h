@@ -117,6 +117,7 @@ class Answerer {
 
     LineCall& line(const std::string& serial);
     void refreshLines();
+    void dropLine(const std::string& serial);
     void beginCall(LineCall& call);
     void onRing(LineCall& call);
     void answer(LineCall& call);
