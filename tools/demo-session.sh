@@ -54,7 +54,7 @@ modem status
 step "starting kaldevicemaster (KAL_ROOT=$KAL_ROOT)"
 KAL_LINESIM_SPEED=20 "$bin/kaldevicemaster" 2>/dev/null &
 daemon=$!
-trap 'kill $daemon $monitor $modemsim $bus 2>/dev/null || true' EXIT
+trap 'kill $daemon $monitor $modemsim $answer $bus 2>/dev/null || true' EXIT
 monitor=""
 wait_log "Adding logtrasher thread"
 wait_log "Vending Listener"
@@ -87,19 +87,14 @@ for _ in $(seq 1 200); do grep -q "KALHookStatus.*KALHookContentsKey = 1" "$KAL_
 echo "-- what the client saw:"
 grep -E "KALRingDetect|KALCallerID|KALHookStatus|KALDigitDialed" "$KAL_ROOT/monitor.txt"
 
-# Audio made of the recording beep the build generates (half a second of
-# 450 Hz): the line-monitor simulator plays each file for its length
-# divided by KAL_LINESIM_SPEED.
+# Audio for the voice-modem call below, made of the recording beep the build
+# generates (half a second of 450 Hz).
 audio=$KAL_ROOT/audio
 messages=$KAL_ROOT/messages
 mkdir -p "$audio" "$messages"
 tone() { for _ in $(seq 1 $((2 * $2))); do cat "$KAL_DEMO_RESOURCES/tone450.raw"; done >"$audio/$1"; }
-tone main.raw 30        # "Press 1 to leave a message, 9 for the menu."
-tone mailbox.raw 2      # "Leave your message after the tone."
-tone weather.raw 3      # what script 1 answers
-tone check-menu.raw 30  # "1 new messages, 2 saved ones."
-tone message-menu.raw 30  # "1 again, 2 save, 3 delete, # next, * start over."
-tone no-more.raw 10     # "No more messages. 1 new messages, 2 saved ones."
+tone main.raw 30    # "Press 1 to leave a message."
+tone mailbox.raw 2  # "Leave your message after the tone."
 
 # The caller hangs up: a line reversal, then the exchange's busy tone.
 hang_up() {
@@ -107,67 +102,14 @@ hang_up() {
     sim KL1001 tone busy
 }
 
-# A ringing KL1001 answered with the main greeting; the caller presses $1.
-answer_with_greeting() {
-    sim KL1001 clear >/dev/null
-    sim KL1001 ring
-    kalctl voicemail KL1001 --greeting "$audio/main.raw" --choices 1,9 --token "$2" \
-        --wait --timeout 20 >"$KAL_ROOT/$2.txt" 2>&1 &
-    local pid=$!
-    told P
-    sim KL1001 digits "$1"
-    finished $pid "$KAL_ROOT/$2.txt"
-}
-
-step "a caller leaves a voicemail: greeting, 1 for the mailbox, a message, hang-up"
-answer_with_greeting 1 greeting-1
-echo "-- mailbox 1: its greeting, then the recording"
-kalctl voicemail KL1001 --greeting "$audio/mailbox.raw" --message "$messages/msg-0001.raw" \
-    --token mailbox-1 --wait --timeout 20 >"$KAL_ROOT/mailbox-1.txt" 2>&1 &
-pid=$!
-told P
-told R
-# The caller speaks for a moment (the simulator records 20 s a second), then hangs up.
-sleep 0.5
-hang_up
-finished $pid "$KAL_ROOT/mailbox-1.txt"
-echo "-- recorded: $(stat -c %s "$messages/msg-0001.raw") bytes in \$KAL_ROOT/messages/msg-0001.raw"
-kalctl hangup KL1001
-
-step "a touch-tone script menu: 9 at the greeting, then code 1#, answered by kalctl"
-answer_with_greeting 9 greeting-2
-kalctl script KL1001 --answer 1="$audio/weather.raw" --codes 2 --token menu-1 --timeout 20 \
-    >"$KAL_ROOT/menu-1.txt" 2>&1 &
-pid=$!
-told '!'
-sim KL1001 digits 1#
-told P
-# After the answer has played, the menu beeps again; the caller hangs up.
-told '!'
-hang_up
-finished $pid "$KAL_ROOT/menu-1.txt"
-copies=$KAL_ROOT/var/tmp/kalctl-$(id -u)
-echo "-- weather.raw is still there ($(stat -c %s "$audio/weather.raw") bytes); the daemon deleted the"
-echo "   copy it played: $(find "$copies" -type f | wc -l) files in \$KAL_ROOT/var/tmp/kalctl-$(id -u)"
-
-step "the owner calls in: 1 for new messages, hears the one left above, 2 saves it"
-sim KL1001 clear >/dev/null
-sim KL1001 ring
-kalctl vmcheck KL1001 --greeting "$audio/check-menu.raw" --inter-greeting "$audio/message-menu.raw" \
-    --no-more "$audio/no-more.raw" --messages "$messages" --token check-1 --timeout 20 \
-    >"$KAL_ROOT/check-1.txt" 2>&1 &
-pid=$!
-told P
-sim KL1001 digits 1
-told P
-# The message plays to its end; then the menu after it.
-told P
-sim KL1001 digits 2
-told P
-hang_up
-finished $pid "$KAL_ROOT/check-1.txt"
-echo "-- the messages folder now:"
-(cd "$messages" && find . -type f | sort | sed 's/^/  /')
+# The answering machine: kal-answer on the daemon (tools/demo-answer.sh).
+answer=""
+source "$(dirname "$0")/demo-answer.sh"
+answer_start
+answer_callers
+answer_owner_checks
+answer_messages
+answer_stop
 
 step "the same call on the voice modem: ring, caller ID, greeting, 1 for the mailbox, a message"
 modem_told AT+VIT  # the line monitor has set the modem up for voice

@@ -1,11 +1,11 @@
 #!/usr/bin/env bash
 # The demo: the daemon with two simulated adapters and an emulated voice
 # modem (umockdev), the line-monitor simulator and the modem emulator, in a
-# private KAL_ROOT. Ring a line, pick up, dial
-# digits; a caller leaves a voicemail, another uses the touch-tone script
-# menu, the owner checks the messages remotely (kalctl answering the
-# daemon's requests); crash a line monitor and watch the daemon restart it,
-# then stop.
+# private KAL_ROOT. Ring a line, pick up, dial digits; then the answering
+# machine kal-answer: two callers leave messages, the owner checks them
+# remotely with the PIN, kalctl lists and exports them; the same voicemail
+# call on the voice modem; crash a line monitor and watch the daemon restart
+# it, then stop.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 

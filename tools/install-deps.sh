@@ -11,6 +11,7 @@ packages=(
     g++ cmake ninja-build pkg-config clang-format scdoc
     libsystemd-dev libudev-dev libplist-dev
     libgtest-dev libgmock-dev libbenchmark-dev
+    libsqlite3-dev libsndfile1-dev libsamplerate0-dev libinih-dev espeak-ng
     dbus-daemon umockdev libumockdev-dev python3-dbusmock
     clang libclang-rt-14-dev
 )

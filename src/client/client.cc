@@ -385,6 +385,22 @@ int Client::onInjectNotification(sd_bus_message* m, void* userdata, sd_bus_error
     return sd_bus_reply_method_return(m, nullptr);
 }
 
+std::string Client::nameOwner(const std::string& name) {
+    BusError error;
+    sd_bus_message* raw = nullptr;
+    const int r = sd_bus_call_method(bus_.get(), "org.freedesktop.DBus", "/org/freedesktop/DBus",
+                                     "org.freedesktop.DBus", "GetNameOwner", error.get(), &raw, "s",
+                                     name.c_str());
+    MessagePtr reply(raw);
+    if (r < 0) {
+        if (sd_bus_error_has_name(error.get(), SD_BUS_ERROR_NAME_HAS_NO_OWNER))
+            return "";
+        throw BusFailure(error.get()->name ? error.get()->name : "",
+                         "GetNameOwner failed: " + errno_text(r));
+    }
+    return read_string(reply.get(), "GetNameOwner");
+}
+
 // --- the loop ---------------------------------------------------------------------------
 
 Client::RunResult Client::run(std::optional<std::chrono::milliseconds> timeout,

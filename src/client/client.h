@@ -83,6 +83,13 @@ class Client {
     const std::string& delegatePath() const { return options_.delegatePath; }
     // Our unique bus name (":1.42").
     std::string uniqueName() const;
+    // The unique name that owns `name` on the bus now, "" when nobody does.
+    // A long-running client compares the daemon's owner over time to learn
+    // that the daemon restarted (and forgot its registration).
+    std::string nameOwner(const std::string& name);
+    // The connection, for a client that serves an interface of its own on
+    // it; its loop is run().
+    sd_bus* bus() const { return bus_.get(); }
 
     // --- registration and subscriptions -------------------------------------
 

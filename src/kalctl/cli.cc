@@ -1,5 +1,7 @@
 #include "kalctl/cli.h"
 
+#include "kalctl/answer_commands.h"
+
 #include <strings.h>
 #include <algorithm>
 #include <cctype>
@@ -193,7 +195,13 @@ const std::vector<CommandSpec>& commands() {
          "",
          {{"--object", "TEXT", "the notification's object (default: none)"}}},
     };
-    return table;
+    static const std::vector<CommandSpec> all = [] {
+        auto out = table;
+        for (auto& spec : answer_command_specs())
+            out.push_back(std::move(spec));
+        return out;
+    }();
+    return all;
 }
 
 const CommandSpec* find_command(const std::string& name) {

@@ -11,6 +11,7 @@
 
 #include "client/client.h"
 #include "client/notification.h"
+#include "kalctl/answer_commands.h"
 #include "kalctl/menu_commands.h"
 #include "kalctl/session.h"
 #include "log/kallog.h"
@@ -262,6 +263,9 @@ void validate(const Invocation& inv) {
 }
 
 int dispatch(const Invocation& inv, std::ostream& out, std::ostream& err) {
+    // The answering machine's commands talk to kal-answer, not the daemon.
+    if (is_answer_command(inv.command))
+        return run_answer_command(inv, out, err);
     validate(inv);
     Session s(inv.global);
     const std::string& c = inv.command;

@@ -1,0 +1,196 @@
+// kal-answer: the answering machine on top of kaldevicemaster. See
+// `kal-answer --help` and the README.
+
+#include <signal.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <iostream>
+#include <optional>
+#include <string>
+#include <thread>
+
+#include "answer/announce.h"
+#include "answer/answerer.h"
+#include "answer/bus_service.h"
+#include "answer/config.h"
+#include "answer/store.h"
+#include "base/paths.h"
+#include "client/client.h"
+#include "service/sd_bus_handles.h"
+#include "service/vocabulary.h"
+
+using namespace kal;
+using namespace kal::answer;
+using namespace std::chrono_literals;
+
+namespace {
+
+constexpr const char kUsage[] =
+    "usage: kal-answer [--config FILE] [--state DIR] [--sounds DIR]\n"
+    "Answers the lines of kaldevicemaster: greetings, mailboxes, a message store,\n"
+    "remote check with a PIN. SIGHUP reads the configuration again.\n"
+    "  --config FILE  the configuration (default $KAL_ROOT/etc/kal-answer.conf)\n"
+    "  --state DIR    the message store (default $STATE_DIRECTORY, else\n"
+    "                 $KAL_ROOT/var/lib/kal-answer)\n"
+    "  --sounds DIR   the prompts the build spoke (default $KAL_ANSWER_SOUNDS, else\n"
+    "                 " KAL_ANSWER_SOUNDS_DIR ")\n";
+
+void note(const std::string& text) {
+    std::cerr << "kal-answer: " << text << std::endl;
+}
+
+struct Options {
+    std::string config = default_config_path();
+    std::string state;
+    std::string sounds;
+};
+
+std::optional<Options> parse(int argc, char** argv) {
+    Options o;
+    const char* env_state = std::getenv("STATE_DIRECTORY");
+    o.state = env_state && *env_state ? env_state : kal_root() + "/var/lib/kal-answer";
+    const char* env_sounds = std::getenv("KAL_ANSWER_SOUNDS");
+    o.sounds = env_sounds && *env_sounds ? env_sounds : KAL_ANSWER_SOUNDS_DIR;
+    for (int i = 1; i < argc; ++i) {
+        const std::string a = argv[i];
+        if (a == "--help" || a == "-h") {
+            std::cout << kUsage;
+            std::exit(0);
+        }
+        if ((a == "--config" || a == "--state" || a == "--sounds") && i + 1 < argc) {
+            (a == "--config" ? o.config : a == "--state" ? o.state : o.sounds) = argv[++i];
+            continue;
+        }
+        std::cerr << "kal-answer: unknown argument '" << a << "'\n" << kUsage;
+        return std::nullopt;
+    }
+    return o;
+}
+
+// Every greeting the file names must convert; the converted file is cached
+// for the calls to come.
+Config read_config(const std::string& path, GreetingCache& cache) {
+    if (::access(path.c_str(), F_OK) != 0) {
+        note(path + " does not exist: answering with the built-in settings");
+        return parse_config("", path);
+    }
+    return load_config(path, [&](const std::string& greeting) { cache.get(greeting); });
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    const auto options = parse(argc, argv);
+    if (!options)
+        return 2;
+    try {
+        MessageStore store(options->state);
+        const RepairReport& repair = store.last_repair();
+        if (!repair.clean())
+            note("store repaired: " + std::to_string(repair.rowsWithoutFile) +
+                 " messages without audio marked deleted, " +
+                 std::to_string(repair.filesWithoutRow) + " stray files moved to lost+found, " +
+                 std::to_string(repair.unfinishedFiles) + " unfinished files removed, " +
+                 std::to_string(repair.callsInterrupted) + " calls closed as interrupted");
+        GreetingCache cache(store.dir() + "/greetings");
+        Config config;
+        try {
+            config = read_config(options->config, cache);
+        } catch (const std::exception& e) {
+            note(e.what());
+            return 1;
+        }
+        Answerer answerer(std::move(config), store,
+                          Places{kal_root() + "/var/tmp/kal-answer", options->sounds});
+        BusService service(store);
+        answerer.onNewMessage([&](const Message& m, int waiting, bool quiet) {
+            service.announce(m, waiting);
+            const std::string& command = answerer.config().line(m.line).announceCommand;
+            if (!command.empty() && !quiet)
+                run_announcement(command, announcement_environment(m, store.path_of(m), waiting));
+        });
+
+        for (;;) {
+            try {
+                client::Client client(client::ClientOptions{
+                    .address = "",
+                    .delegatePath = client::kDefaultDelegatePath,
+                    .identification = "kal-answer (pid " + std::to_string(getpid()) + ")",
+                    .callTimeout = 10s,
+                });
+                client.setNotificationHandler(
+                    [&](const client::Notification& n) { answerer.handle(n); });
+                client.stopOnSignals({SIGTERM, SIGINT, SIGHUP});
+                service.attach(client.bus());
+                // The daemon's name changing hands wakes the loop at once.
+                bool ownerChanged = true;
+                sd_bus_slot* raw = nullptr;
+                sd_bus_match_signal(
+                    client.bus(), &raw, "org.freedesktop.DBus", "/org/freedesktop/DBus",
+                    "org.freedesktop.DBus", "NameOwnerChanged",
+                    [](sd_bus_message* m, void* flag, sd_bus_error*) {
+                        const char* name = nullptr;
+                        if (sd_bus_message_read_basic(m, 's', &name) > 0 && name &&
+                            std::strcmp(name, kal_DO_Server_Name) == 0)
+                            *static_cast<bool*>(flag) = true;
+                        return 0;
+                    },
+                    &ownerChanged);
+                SlotPtr match(raw);
+                std::string owner;
+                for (;;) {
+                    if (ownerChanged) {
+                        ownerChanged = false;
+                        const std::string now = client.nameOwner(kal_DO_Server_Name);
+                        if (now != owner && !owner.empty()) {
+                            note("kaldevicemaster went away");
+                            answerer.detach();
+                        }
+                        if (now != owner && !now.empty()) {
+                            try {
+                                const std::string code =
+                                    client.registerApplication("kal-answer", "com.orvane");
+                                if (code != kal_ResponseCode_OK)
+                                    throw std::runtime_error("registration refused: " + code);
+                                answerer.attach(client);
+                                note("registered with kaldevicemaster (" + now +
+                                     "), lines: " + std::to_string(answerer.lines().size()));
+                            } catch (const std::exception& e) {
+                                note(std::string("cannot register with kaldevicemaster: ") +
+                                     e.what());
+                                answerer.detach();
+                            }
+                        }
+                        owner = now;
+                    }
+                    const auto result = client.run(1s, [&] { return ownerChanged; });
+                    if (result == client::Client::RunResult::Stopped) {
+                        if (client.stopSignal() != SIGHUP) {
+                            note("stopping");
+                            return 0;
+                        }
+                        try {
+                            answerer.setConfig(read_config(options->config, cache));
+                            note("configuration read again from " + options->config);
+                        } catch (const std::exception& e) {
+                            note(std::string(e.what()) + " -- keeping the configuration we had");
+                        }
+                    }
+                    answerer.tick(std::chrono::steady_clock::now());
+                    reap_announcements();
+                }
+            } catch (const client::BusFailure& e) {
+                note(std::string("the bus failed: ") + e.what() + "; connecting again");
+                answerer.detach();
+                service.detach();
+                std::this_thread::sleep_for(1s);
+            }
+        }
+    } catch (const std::exception& e) {
+        note(e.what());
+        return 1;
+    }
+}

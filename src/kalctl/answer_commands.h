@@ -1,0 +1,22 @@
+#pragma once
+
+// kalctl messages and kalctl calls: the answering machine's messages and
+// call log, through kal-answer's D-Bus interface (never its database), so
+// that they work for anyone the bus policy lets in.
+
+#include <iosfwd>
+#include <vector>
+
+#include "kalctl/cli.h"
+
+namespace kal::kalctl {
+
+// Their entries in kalctl's command table.
+std::vector<CommandSpec> answer_command_specs();
+// True for the commands of this file.
+bool is_answer_command(const std::string& command);
+// Runs one; returns the exit status. Throws UsageError and Failure; an
+// unreachable kal-answer is reported here with kExitNoDaemon.
+int run_answer_command(const Invocation& inv, std::ostream& out, std::ostream& err);
+
+}  // namespace kal::kalctl
