@@ -27,6 +27,7 @@
 #include <limits>
 #include <map>
 #include <memory>
+#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -210,10 +211,18 @@ class Stage {
     // Starts the daemon, waits for its bus name and its line monitors, and
     // registers the clients; returns the start-up time to the bus name (ms).
     double start() {
+        // KAL_BENCH_DAEMON_WRAPPER: words put before the daemon's path (an
+        // absolute program first), e.g. "/usr/bin/valgrind --tool=callgrind".
+        std::vector<std::string> argv;
+        if (const char* wrapper = std::getenv("KAL_BENCH_DAEMON_WRAPPER")) {
+            std::istringstream words(wrapper);
+            for (std::string w; words >> w;)
+                argv.push_back(w);
+        }
+        argv.push_back(bin_path("kaldevicemaster"));
         const int64_t t0 = mono_ns();
-        daemon_ = std::make_unique<ChildProcess>(
-            std::vector<std::string>{bin_path("kaldevicemaster")}, std::vector<std::string>{},
-            root_.path() + "/daemon.stderr");
+        daemon_ = std::make_unique<ChildProcess>(argv, std::vector<std::string>{},
+                                                 root_.path() + "/daemon.stderr");
         const int64_t owned = names_.wait(true, 30s);
         if (!owned)
             throw std::runtime_error("the daemon never took its bus name:\n" +
@@ -250,7 +259,10 @@ class Stage {
         double cpuMsPer1000 = kNaN, switchesPerEvent = kNaN, logBytesPerEvent = kNaN;
     };
 
-    Figures measure(bool through_daemon, double rate, int64_t total_events) {
+    // `profile`: a command run with the daemon's pid as its last argument
+    // while the daemon's part is measured, and stopped by SIGINT after it.
+    Figures measure(bool through_daemon, double rate, int64_t total_events,
+                    const char* profile = nullptr) {
         const int64_t per_line = std::max<int64_t>(1, total_events / shape_.lines);
         const int64_t events = per_line * shape_.lines;
         for (auto& c : clients_)
@@ -264,7 +276,11 @@ class Stage {
         Figures f;
         std::optional<ProcSample> before;
         int64_t log_before = 0;
-        std::unique_ptr<ChildProcess> floor;
+        std::unique_ptr<ChildProcess> floor, profiler;
+        if (through_daemon && profile)
+            profiler = std::make_unique<ChildProcess>(std::vector<std::string>{
+                "/bin/sh", "-c", "exec " + std::string(profile) + " \"$0\"",
+                std::to_string(daemon_->pid())});
         if (through_daemon) {
             before = sample_process(daemon_->pid());
             log_before = file_size(log);
@@ -295,6 +311,10 @@ class Stage {
             receivers.emplace_back(receive, c.get(), static_cast<size_t>(events), deadline);
         for (auto& t : receivers)
             t.join();
+        if (profiler) {
+            profiler->signal(SIGINT);
+            profiler->wait_exit(120s);
+        }
 
         if (through_daemon) {
             for (int i = 0; i < shape_.lines; ++i)
@@ -311,11 +331,17 @@ class Stage {
         } else {
             floor->wait_exit(30s);
             std::ifstream in(floor_result);
-            int64_t ticks = 0, switches = 0;
-            if (in >> ticks >> switches) {
+            int64_t ticks = 0, switches = 0, refused = 0;
+            if (in >> ticks >> switches >> refused) {
+                if (refused)
+                    fprintf(stderr, "the bus refused %lld of the floor's calls\n",
+                            static_cast<long long>(refused));
                 f.cpuMsPer1000 =
                     static_cast<double>(ticks) * ms_per_tick() * 1000 / static_cast<double>(events);
                 f.switchesPerEvent = static_cast<double>(switches) / static_cast<double>(events);
+            } else {
+                fprintf(stderr, "the floor sender left no result:\n%s",
+                        read_file(root_.path() + "/floor.stderr").c_str());
             }
         }
         for (auto& c : clients_)
@@ -483,7 +509,11 @@ int usage() {
     fprintf(stderr,
             "usage: kal-eventbench [--quick] [--runs N]\n"
             "  Run it through bench/event_latency.sh, which builds it and runs it under\n"
-            "  umockdev. --quick: 2 shorter runs and 3 idle seconds, for development.\n");
+            "  umockdev. --quick: 2 shorter runs and 3 idle seconds, for development.\n"
+            "  KAL_BENCH_PROFILE=\"perf record -g -o FILE -p\": a profiler attached to the\n"
+            "  daemon during the last run's 16 lines x 8 clients at 1000/s.\n"
+            "  KAL_BENCH_DAEMON_WRAPPER=\"/usr/bin/valgrind --tool=callgrind ...\": runs the\n"
+            "  daemon under that program.\n");
     return 2;
 }
 
@@ -527,7 +557,10 @@ int run(const Options& opt) {
             for (double rate : rates) {
                 const int64_t events = rate < 100 ? opt.slow_events : opt.fast_events;
                 auto floor = stage.measure(false, rate, events);
-                auto daemon = stage.measure(true, rate, events);
+                // The profile, when asked for, of the busiest case of the last run.
+                const bool profiled = r == opt.runs - 1 && s.lines == 16 && rate >= 1000;
+                auto daemon = stage.measure(true, rate, events,
+                                            profiled ? std::getenv("KAL_BENCH_PROFILE") : nullptr);
                 cases[next_case++].second.add(floor, daemon);
                 fprintf(stderr, "run %d: %s: floor p50 %.0f µs, daemon p50 %.0f µs\n", r + 1,
                         cases[next_case - 1].first.c_str(),

@@ -8,8 +8,8 @@
 //   kal-bench-floorsender <lines> <rate> <count per line> <start ns> <result file>
 //                         <client name> <client path> [<client name> <client path>]...
 //
-// The result file gets "<utime+stime ticks> <context switches>" spent from
-// the first event to the last reply.
+// The result file gets "<utime+stime ticks> <context switches> <refused calls>"
+// spent from the first event to the last reply.
 
 #include <poll.h>
 #include <systemd/sd-bus.h>
@@ -39,9 +39,14 @@ struct Destination {
 };
 
 int64_t pending = 0;
+// Calls the bus or the client refused (the bus's limit on replies in flight
+// when clients fall far behind, say): their events never arrive.
+int64_t refused = 0;
 
-int on_reply(sd_bus_message*, void*, sd_bus_error*) {
+int on_reply(sd_bus_message* reply, void*, sd_bus_error*) {
     --pending;
+    if (sd_bus_message_is_method_error(reply, nullptr))
+        ++refused;
     return 0;
 }
 
@@ -127,6 +132,6 @@ int main(int argc, char** argv) {
     std::ofstream out(result);
     if (before && after)
         out << after->cpu_ticks - before->cpu_ticks << ' ' << after->switches() - before->switches()
-            << '\n';
+            << ' ' << refused << '\n';
     return pending == 0 ? 0 : 1;
 }
