@@ -3,7 +3,8 @@
 // daemon makes for each caller-ID event (InjectNotification with the same
 // name, object and user-info), on the schedule the line monitors follow, and
 // stamps each event where a line monitor would: before anything is done
-// with it.
+// with it. Like the daemon it keeps one call in flight per client and queues
+// the rest.
 //
 //   kal-bench-floorsender <lines> <rate> <count per line> <start ns> <result file>
 //                         <client name> <client path> [<client name> <client path>]...
@@ -18,6 +19,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <deque>
 #include <fstream>
 #include <string>
 #include <vector>
@@ -34,39 +36,34 @@ using namespace kal::bench;
 
 namespace {
 
+// One client, and like the daemon one call in flight to it at a time: the
+// bus refuses a connection more than a limited number of calls awaiting
+// replies, so a sender that did not queue would lose events whenever a
+// client fell behind.
 struct Destination {
     std::string name, path;
+    std::deque<Stamp> waiting;
+    bool inFlight = false;
 };
 
-int64_t pending = 0;
-// Calls the bus or the client refused (the bus's limit on replies in flight
-// when clients fall far behind, say): their events never arrive.
+sd_bus* the_bus = nullptr;
+// Calls the client (or the bus) answered with an error: those events were
+// not taken.
 int64_t refused = 0;
 
-int on_reply(sd_bus_message* reply, void*, sd_bus_error*) {
-    --pending;
+int send_next(Destination& to);
+
+int on_reply(sd_bus_message* reply, void* userdata, sd_bus_error*) {
+    auto& to = *static_cast<Destination*>(userdata);
+    to.inFlight = false;
     if (sd_bus_message_is_method_error(reply, nullptr))
         ++refused;
-    return 0;
+    return to.waiting.empty() ? 0 : send_next(to);
 }
 
-// Handles what the bus has for us until `until` (mono_ns), or at most once
-// when it has passed.
-void pump(sd_bus* bus, int64_t until) {
-    for (;;) {
-        while (sd_bus_process(bus, nullptr) > 0) {
-        }
-        const int64_t left = until - mono_ns();
-        if (left <= 0)
-            return;
-        struct pollfd p = {sd_bus_get_fd(bus), static_cast<short>(sd_bus_get_events(bus)), 0};
-        struct timespec ts = {static_cast<time_t>(left / 1000000000),
-                              static_cast<long>(left % 1000000000)};
-        ::ppoll(&p, 1, &ts, nullptr);
-    }
-}
-
-int send_event(sd_bus* bus, const Destination& to, const Stamp& stamp) {
+int send_next(Destination& to) {
+    const Stamp stamp = to.waiting.front();
+    to.waiting.pop_front();
     const std::string serial = line_serial(stamp.line);
     const ValueDict info{{kal_QLXSerialNumberKey, serial},
                          {kal_QLXNumberKey, int32_t{stamp.line}},
@@ -74,7 +71,7 @@ int send_event(sd_bus* bus, const Destination& to, const Stamp& stamp) {
                          {kal_EventTimeKey, static_cast<int64_t>(time(nullptr))},
                          {kal_NotificationNameKey, kal_CallerID}};
     sd_bus_message* raw = nullptr;
-    int r = sd_bus_message_new_method_call(bus, &raw, to.name.c_str(), to.path.c_str(),
+    int r = sd_bus_message_new_method_call(the_bus, &raw, to.name.c_str(), to.path.c_str(),
                                            kal_EventReceivingInterface, "InjectNotification");
     MessagePtr call(raw);
     if (r >= 0)
@@ -84,10 +81,43 @@ int send_event(sd_bus* bus, const Destination& to, const Stamp& stamp) {
     if (r >= 0)
         r = bus::append_user_info(call.get(), info);
     if (r >= 0)
-        r = sd_bus_call_async(bus, nullptr, call.get(), on_reply, nullptr, 0);
-    if (r >= 0)
-        ++pending;
-    return r;
+        r = sd_bus_call_async(the_bus, nullptr, call.get(), on_reply, &to, 0);
+    if (r < 0) {
+        fprintf(stderr, "kal-bench-floorsender: cannot send to %s\n", to.name.c_str());
+        exit(1);
+    }
+    to.inFlight = true;
+    return 0;
+}
+
+void queue(Destination& to, const Stamp& stamp) {
+    to.waiting.push_back(stamp);
+    if (!to.inFlight)
+        send_next(to);
+}
+
+bool all_answered(const std::vector<Destination>& clients) {
+    for (const auto& c : clients)
+        if (c.inFlight || !c.waiting.empty())
+            return false;
+    return true;
+}
+
+// Handles what the bus has for us until `until` (mono_ns), or at most once
+// when it has passed; sooner once every call is answered, when `or_answered`.
+void pump(const std::vector<Destination>& clients, int64_t until, bool or_answered) {
+    for (;;) {
+        while (sd_bus_process(the_bus, nullptr) > 0) {
+        }
+        const int64_t left = until - mono_ns();
+        if (left <= 0 || (or_answered && all_answered(clients)))
+            return;
+        struct pollfd p = {sd_bus_get_fd(the_bus), static_cast<short>(sd_bus_get_events(the_bus)),
+                           0};
+        struct timespec ts = {static_cast<time_t>(left / 1000000000),
+                              static_cast<long>(left % 1000000000)};
+        ::ppoll(&p, 1, &ts, nullptr);
+    }
 }
 
 }  // namespace
@@ -106,7 +136,7 @@ int main(int argc, char** argv) {
     const std::string result = argv[5];
     std::vector<Destination> clients;
     for (int i = 6; i + 1 < argc; i += 2)
-        clients.push_back({argv[i], argv[i + 1]});
+        clients.push_back({argv[i], argv[i + 1], {}, false});
 
     sd_bus* raw = nullptr;
     if (sd_bus_open_system(&raw) < 0) {
@@ -114,24 +144,20 @@ int main(int argc, char** argv) {
         return 1;
     }
     BusPtr bus(raw);
+    the_bus = raw;
     const auto before = sample_process(getpid());
     for (int64_t j = 0; j < count * lines; ++j) {
         const Stamp due{static_cast<int>(j % lines), j / lines, 0};
-        pump(bus.get(), due_ns(start, rate, lines, due.line, due.seq));
+        pump(clients, due_ns(start, rate, lines, due.line, due.seq), false);
         const Stamp stamp{due.line, due.seq, mono_ns()};
-        for (const auto& c : clients)
-            if (send_event(bus.get(), c, stamp) < 0) {
-                fprintf(stderr, "kal-bench-floorsender: cannot send to %s\n", c.name.c_str());
-                return 1;
-            }
+        for (auto& c : clients)
+            queue(c, stamp);
     }
-    const int64_t give_up = mono_ns() + 30'000'000'000;
-    while (pending > 0 && mono_ns() < give_up)
-        pump(bus.get(), std::min(give_up, mono_ns() + 100'000'000));
+    pump(clients, mono_ns() + 30'000'000'000, true);
     const auto after = sample_process(getpid());
     std::ofstream out(result);
     if (before && after)
         out << after->cpu_ticks - before->cpu_ticks << ' ' << after->switches() - before->switches()
             << ' ' << refused << '\n';
-    return pending == 0 ? 0 : 1;
+    return all_answered(clients) ? 0 : 1;
 }
