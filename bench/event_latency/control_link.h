@@ -9,8 +9,12 @@
 //   line monitor -> driver   done <events sent>
 
 #include <chrono>
+#include <map>
+#include <memory>
 #include <optional>
 #include <string>
+
+#include "base/unique_fd.h"
 
 namespace kal::bench {
 
@@ -31,5 +35,23 @@ class LineReader {
 
 // Writes all of `line` and a newline; false on an error.
 bool send_line(int fd, const std::string& line);
+
+// The driver's end: listens at `path` and exports it as KAL_BENCH_CONTROL.
+// Throws std::runtime_error when it cannot.
+class ControlSocket {
+  public:
+    explicit ControlSocket(const std::string& path);
+
+    struct Monitor {
+        kal::unique_fd fd;
+        std::unique_ptr<LineReader> reader;
+    };
+    // Waits until `count` line monitors have said hello; by serial. Throws
+    // when they have not within `deadline`.
+    std::map<std::string, Monitor> accept(int count, std::chrono::milliseconds deadline);
+
+  private:
+    kal::unique_fd listen_;
+};
 
 }  // namespace kal::bench

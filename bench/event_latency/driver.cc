@@ -12,9 +12,7 @@
 
 #include <poll.h>
 #include <signal.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 #include <sys/wait.h>
 #include <systemd/sd-bus.h>
 #include <unistd.h>
@@ -126,56 +124,6 @@ class NameWatch {
     SlotPtr slot_;
     bool owned_ = false;
     int64_t changed_at_ = 0;
-};
-
-// ---------------------------------------------------------------------------
-// The benchmark's line monitors, as they report to the control socket.
-
-class ControlSocket {
-  public:
-    explicit ControlSocket(const std::string& path) {
-        listen_.reset(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-        struct sockaddr_un addr {};
-        addr.sun_family = AF_UNIX;
-        if (!listen_ || path.size() >= sizeof addr.sun_path)
-            throw std::runtime_error("cannot make the control socket " + path);
-        strcpy(addr.sun_path, path.c_str());
-        if (::bind(listen_.get(), reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 ||
-            ::listen(listen_.get(), 64) != 0)
-            throw std::runtime_error("cannot listen on " + path);
-        setenv(kControlEnv, path.c_str(), 1);
-    }
-
-    struct Monitor {
-        unique_fd fd;
-        std::unique_ptr<LineReader> reader;
-    };
-
-    // Waits until `count` line monitors have said hello; by serial.
-    std::map<std::string, Monitor> accept(int count, std::chrono::milliseconds deadline) {
-        std::map<std::string, Monitor> out;
-        const int64_t end = mono_ns() + deadline.count() * 1000000;
-        while (static_cast<int>(out.size()) < count) {
-            const int64_t left_ms = (end - mono_ns()) / 1000000;
-            struct pollfd p = {listen_.get(), POLLIN, 0};
-            if (left_ms <= 0 || ::poll(&p, 1, static_cast<int>(left_ms)) <= 0)
-                throw std::runtime_error(std::to_string(out.size()) + " of " +
-                                         std::to_string(count) + " line monitors came up");
-            Monitor m;
-            m.fd.reset(::accept4(listen_.get(), nullptr, nullptr, SOCK_CLOEXEC));
-            if (!m.fd)
-                continue;
-            m.reader = std::make_unique<LineReader>(m.fd.get());
-            auto hello = m.reader->next(std::chrono::milliseconds(10000));
-            if (!hello || hello->rfind("hello ", 0) != 0)
-                continue;
-            out[hello->substr(6)] = std::move(m);
-        }
-        return out;
-    }
-
-  private:
-    unique_fd listen_;
 };
 
 // ---------------------------------------------------------------------------

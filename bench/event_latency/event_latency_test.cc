@@ -2,16 +2,26 @@
 // misread /proc field would print plausible numbers that mean nothing.
 
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <sys/socket.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cmath>
+#include <sstream>
+#include <stdexcept>
 
 #include "base/unique_fd.h"
+#include "bus_client.h"
 #include "control_link.h"
 #include "latency_stats.h"
+#include "lineio/protocol.h"
+#include "lineio/safe_io.h"
+#include "private_bus.h"
 #include "proc_stats.h"
+#include "service/vocabulary.h"
 #include "stamp.h"
+#include "test_support.h"
 
 using namespace kal::bench;
 
@@ -136,3 +146,138 @@ TEST(EventBenchControl, ReadsLinesAcrossPartialWritesUntilEndOfFile) {
 }
 
 }  // namespace
+
+// ---------------------------------------------------------------------------
+// The benchmark's programs, run for real: what they put on the wire is what
+// the measurement rests on.
+
+namespace kal::bench {
+namespace {
+
+using namespace kal::test;
+using namespace std::chrono_literals;
+
+// A line monitor as the daemon starts one: its end of a socket pair on
+// descriptor 4.
+class LineMonitorChild {
+  public:
+    LineMonitorChild() {
+        int sv[2];
+        if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, sv) != 0)
+            throw std::runtime_error("socketpair failed");
+        line_.reset(sv[0]);
+        kal::unique_fd theirs(sv[1]);
+        const std::string program = bin_path("kal-bench-linemonitor");
+        pid_ = fork();
+        if (pid_ == 0) {
+            dup2(theirs.get(), 4);
+            execl(program.c_str(), "KALLineMonitor", "-QLXLine", "/dev/ttyUSB0", "-QLXSerial",
+                  "BENCH02", static_cast<char*>(nullptr));
+            _exit(127);
+        }
+    }
+    ~LineMonitorChild() {
+        if (pid_ > 0) {
+            kill(pid_, SIGKILL);
+            waitpid(pid_, nullptr, 0);
+        }
+    }
+    int line() const { return line_.get(); }
+    void closeLine() { line_.reset(); }
+    // The exit status, or -1 when it does not end within 20 s.
+    int wait() {
+        int status = -1;
+        const bool ended = wait_for([&] { return waitpid(pid_, &status, WNOHANG) == pid_; });
+        if (!ended)
+            return -1;
+        pid_ = -1;
+        return status;
+    }
+
+  private:
+    kal::unique_fd line_;
+    pid_t pid_ = -1;
+};
+
+TEST(EventBenchPrograms, LineMonitorStampsCallerIdFramesOnItsTurnOfTheSchedule) {
+    TempRoot root;
+    ControlSocket control(root.path() + "/bench.sock");
+    LineMonitorChild monitor;
+    const std::string orders = lm::build_orders({"/dev/ttyUSB0", "BENCH02", ""});
+    ASSERT_EQ(write(monitor.line(), orders.data(), orders.size()),
+              static_cast<ssize_t>(orders.size()));
+    auto monitors = control.accept(1, 20s);
+    ASSERT_EQ(monitors.count("BENCH02"), 1u);
+    auto& m = monitors.at("BENCH02");
+
+    // Line 2 of 4 at 1000/s in all: its events are 4 ms apart, 2 ms in.
+    const int64_t start = mono_ns() + 20'000'000;
+    ASSERT_TRUE(send_line(m.fd.get(), "run 2 4 1000 3 " + std::to_string(start)));
+    for (int64_t seq = 0; seq < 3; ++seq) {
+        char buf[256] = {};
+        const ssize_t n = dmp_read(monitor.line(), buf, sizeof buf - 1, 20);
+        ASSERT_GT(n, 1);
+        EXPECT_EQ(buf[0], lm::kEvtCallerId);
+        EXPECT_EQ(buf[n - 1], '\0') << "caller-ID text ends with its NUL";
+        auto stamp = parse_stamp(buf + 1);
+        ASSERT_TRUE(stamp) << buf + 1;
+        EXPECT_EQ(stamp->line, 2);
+        EXPECT_EQ(stamp->seq, seq);
+        EXPECT_GE(stamp->ns, due_ns(start, 1000, 4, 2, seq));
+        EXPECT_LE(stamp->ns, mono_ns());
+    }
+    EXPECT_EQ(m.reader->next(20s), "done 3");
+
+    monitor.closeLine();  // the daemon went away
+    const int status = monitor.wait();
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+}
+
+TEST(EventBenchPrograms, FloorSenderCallsEachClientInTurnWithTheDaemonsMessage) {
+    TempRoot root;
+    PrivateBus bus;
+    BusClient first, second;
+    const std::string result = root.path() + "/floor.result";
+    ChildProcess floor({bin_path("kal-bench-floorsender"), "2", "1000", "3",
+                        std::to_string(mono_ns() + 50'000'000), result, first.uniqueName(),
+                        first.path(), second.uniqueName(), second.path()});
+    ASSERT_TRUE(pump_until({&first, &second}, [&] {
+        return first.received().size() >= 6 && second.received().size() >= 6;
+    }));
+    const int status = floor.wait_exit();
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+
+    // The keys the daemon's caller-ID notification carries.
+    const std::vector<std::string> keys{kal_CallerIDContentsKey, kal_EventTimeKey,
+                                        kal_NotificationNameKey, kal_QLXNumberKey,
+                                        kal_QLXSerialNumberKey};
+    for (const BusClient* c : {&first, &second}) {
+        ASSERT_EQ(c->received().size(), 6u);
+        for (int j = 0; j < 6; ++j) {
+            const auto& n = c->received()[static_cast<size_t>(j)];
+            SCOPED_TRACE(j);
+            EXPECT_EQ(n.name, kal_CallerID);
+            EXPECT_EQ(n.object.str(), line_serial(j % 2));
+            std::vector<std::string> got;
+            for (const auto& [k, v] : n.userInfo)
+                got.push_back(k);
+            EXPECT_EQ(got, keys);
+            EXPECT_EQ(n.userInfo.at(kal_QLXSerialNumberKey).str(), line_serial(j % 2));
+            EXPECT_EQ(n.userInfo.at(kal_NotificationNameKey).str(), kal_CallerID);
+            auto stamp = parse_stamp(n.userInfo.at(kal_CallerIDContentsKey).str());
+            ASSERT_TRUE(stamp);
+            EXPECT_EQ(stamp->line, j % 2);
+            EXPECT_EQ(stamp->seq, j / 2);
+            EXPECT_LE(stamp->ns, std::chrono::duration_cast<std::chrono::nanoseconds>(
+                                     n.arrived.time_since_epoch())
+                                     .count());
+        }
+    }
+    std::istringstream in(read_file(result));
+    int64_t ticks = -1, switches = -1, refused = -1;
+    ASSERT_TRUE(in >> ticks >> switches >> refused);
+    EXPECT_EQ(refused, 0);
+}
+
+}  // namespace
+}  // namespace kal::bench
