@@ -140,8 +140,9 @@ int BusClient::onIdentification(sd_bus_message* m, void*, sd_bus_error*) {
 }
 
 int BusClient::onInject(sd_bus_message* m, void* userdata, sd_bus_error* error) {
-    auto* self = static_cast<BusClient*>(userdata);
     ReceivedNotification n;
+    n.arrived = std::chrono::steady_clock::now();
+    auto* self = static_cast<BusClient*>(userdata);
     const char* name = nullptr;
     int r = sd_bus_message_read_basic(m, 's', &name);
     if (r >= 0)

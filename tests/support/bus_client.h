@@ -23,6 +23,9 @@ struct ReceivedNotification {
     std::string name;
     Value object;
     ValueDict userInfo;
+    // Taken as the handler starts, before the message is read: the
+    // event-latency benchmark's end of the measurement.
+    std::chrono::steady_clock::time_point arrived;
 };
 
 // The outcome of a call to the daemon.
@@ -70,6 +73,7 @@ class BusClient {
     // What the daemon sent to the object, in arrival order.
     const std::vector<ReceivedNotification>& received() const { return received_; }
     std::vector<std::string> receivedNames() const;
+    void clearReceived() { received_.clear(); }
     int pings() const { return pings_; }
     // Answers InjectNotification with this error from now on ("" answers normally).
     void failDeliveriesWith(std::string errorName) { inject_error_ = std::move(errorName); }

@@ -34,11 +34,15 @@ int listed_lines(const std::string& first) {
 }  // namespace
 
 void install_linesim() {
+    install_linemonitor(bin_path("kal-linesim"));
+}
+
+void install_linemonitor(const std::string& program) {
     make_dirs(kal::resources_dir());
     for (const std::string& path : {kal::linemonitor_path(), kal::zrx_linemonitor_path()}) {
         std::error_code ec;
         std::filesystem::remove(path, ec);
-        std::filesystem::create_symlink(bin_path("kal-linesim"), path);
+        std::filesystem::create_symlink(program, path);
     }
 }
 

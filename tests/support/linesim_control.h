@@ -23,6 +23,8 @@ namespace kal::test {
 // Symlinks bin/kal-linesim as the type-1 and type-2 line-monitor programs
 // of the current KAL_ROOT (creating the resources directory).
 void install_linesim();
+// The same for any program that speaks the line-monitor protocol.
+void install_linemonitor(const std::string& program);
 // Copies the recording beep the build generated (resources/tone450.raw) to
 // tone450_path() of the current KAL_ROOT (creating the resources directory).
 void install_tone450();
