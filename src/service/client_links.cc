@@ -90,7 +90,7 @@ void ClientLinks::sendNext(Link& l) {
         MessagePtr call;
         int r = new_call(bus_, l.proxy, "InjectNotification", call);
         if (r >= 0)
-            r = sd_bus_message_append_basic(call.get(), 's', n.name.c_str());
+            r = bus::append_text(call.get(), n.name);
         if (r >= 0)
             r = bus::append_variant(call.get(), n.object);
         if (r >= 0)

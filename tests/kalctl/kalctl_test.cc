@@ -113,6 +113,20 @@ TEST_F(KalctlDaemonTest, MonitorPrintsARingAsItHappens) {
                                     "\\{KALQLXNumberKey = 0\\}\n"));
 }
 
+TEST_F(KalctlDaemonTest, MonitorShowsACallerNameSentInLatin1) {
+    auto monitor =
+        start_kalctl({"monitor", "--name", "KALCallerID", "--count", "1", "--timeout", "60"});
+    ASSERT_TRUE(wait_for([&] { return logged("to subscription array for 'KALCallerID'"); }))
+        << log();
+    LineSimControl line("KL1001");
+    // "X5551234 JOS\xc9", as an analogue line sends the name.
+    ASSERT_EQ(line.send("frame 5835353531323334204a4f53c900"), "ok sent frame of 14 bytes");
+    const auto o = finish(*monitor);
+    EXPECT_EQ(o.status, 0) << o.err;
+    EXPECT_THAT(o.out, EndsWith(" KALCallerID KL1001 {KALCallerIDContentsKey = 5551234 "
+                                "JOS\u00c9; KALQLXNumberKey = 0}\n"));
+}
+
 // The path in a simulator's description of a P command.
 std::string played_path(const std::string& reply) {
     const auto at = reply.find("path=");
