@@ -31,6 +31,7 @@
 #include "lineio/request_queue.h"
 #include "log/kallog.h"
 #include "service/kal_errors.h"
+#include "service/request_limits.h"
 #include "service/requests.h"
 #include "service/spokesman.h"
 #include "service/vocabulary.h"
@@ -228,7 +229,9 @@ std::string dial(const Caller&, const OptString& digits, const OptString& serial
         [&]() -> std::string {
             kallog(KAL_DEBUG, "dial:'%s' onResource:%s callbackToken:%s called",
                    text_or_null(digits), text_or_null(serial), text_or_null(callbackToken));
-            if (!digits)
+            if (!digits || !limits::fits(digits, limits::kDialString) ||
+                !limits::fits(serial, limits::kSerial) ||
+                !limits::fits(callbackToken, limits::kToken))
                 return kal_ResponseCode_ERR_MalformedRequest;
             if (waitingForPickup) {
                 // Carried out by the line event thread at the next off-hook.
@@ -254,7 +257,7 @@ std::string cancelDialWithCallbackToken(const Caller&, const OptString& token) {
     return guarded(
         [&]() -> std::string {
             kallog(KAL_DEBUG, "cancelDialWithCallbackToken: '%s' called", text_or_null(token));
-            if (!token)
+            if (!token || !limits::fits(token, limits::kToken))
                 return kal_ResponseCode_ERR_MalformedRequest;
             DeviceTableLock lock(1);
             if (gWildcardDialToken == token) {
@@ -287,7 +290,8 @@ std::string placeCallOnResource(const Caller&, const OptString& serial, const Op
                                 const OptString& token) {
     return guarded(
         [&]() -> std::string {
-            if (!serial || !number || !token)
+            if (!serial || !number || !token || !limits::fits(serial, limits::kSerial) ||
+                !limits::fits(number, limits::kNumber) || !limits::fits(token, limits::kToken))
                 return kal_ResponseCode_ERR_MalformedRequest;
             kallog(KAL_DEBUG, "Received Place Call request on serial %s for %s with token %s",
                    serial->c_str(), number->c_str(), token->c_str());
@@ -308,7 +312,8 @@ std::string hangUpResource(const Caller&, const OptString& serial, const OptStri
     return guarded(
         [&]() -> std::string {
             // The token is required although nothing uses it.
-            if (!serial || !token)
+            if (!serial || !token || !limits::fits(serial, limits::kSerial) ||
+                !limits::fits(token, limits::kToken))
                 return kal_ResponseCode_ERR_MalformedRequest;
             kallog(KAL_DEBUG, "Received Hangup request for device %s", serial->c_str());
             add_todo(new_todo(REQ_HANGUP, *serial));
@@ -324,7 +329,8 @@ std::string performTRVOnResource(const Caller&, const OptString& serial, const O
                                  int32_t vlsMode) {
     return guarded(
         [&]() -> std::string {
-            if (!serial || !reason)
+            if (!serial || !reason || !limits::fits(serial, limits::kSerial) ||
+                !limits::fits(reason, limits::kTRVText))
                 return kal_ResponseCode_ERR_MalformedRequest;
             kallog(KAL_DEBUG, "Received TRV request for %s", reason->c_str());
             auto todo = new_todo(REQ_TRV, *serial);
