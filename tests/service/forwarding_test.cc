@@ -5,7 +5,9 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <chrono>
 #include <memory>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -296,6 +298,35 @@ TEST_F(SpokesmanTest, UnRegisterMeEndsServiceAndTheNextDeliveryDropsTheClient) {
     leaving->process();
     EXPECT_THAT(leaving->received(), IsEmpty());
     EXPECT_FALSE(subscribed(*leaving, "KALRingDetect"));
+}
+
+TEST_F(SpokesmanTest, ASecondaryIsFirstPingedOneIntervalAfterItRegisteredAndThenEveryInterval) {
+    SpokesmanOptions options;
+    options.pingInterval = 1s;
+    start(options);
+    auto primary = client({}, "/primary");
+    const auto registered = std::chrono::steady_clock::now();
+    auto secondary = client({}, "/secondary", true);
+    ASSERT_TRUE(pump_until({secondary.get()}, [&] { return secondary->pings() == 1; }));
+    EXPECT_GE(std::chrono::steady_clock::now() - registered, options.pingInterval);
+    ASSERT_TRUE(pump_until({secondary.get()}, [&] { return secondary->pings() == 2; }));
+    EXPECT_GE(std::chrono::steady_clock::now() - registered, 2 * options.pingInterval);
+    EXPECT_EQ(primary->pings(), 0);
+}
+
+TEST_F(SpokesmanTest, SecondariesAreNextPingedAMinuteFromNow) {
+    start();
+    auto until_next = [&] {
+        return server_->get<std::optional<std::chrono::microseconds>>(
+            [](KALSpokesman& s) { return s.untilNextPing(); });
+    };
+    auto primary = client({}, "/primary");
+    EXPECT_EQ(until_next(), std::nullopt);
+    auto secondary = client({}, "/secondary", true);
+    const auto next = until_next();
+    ASSERT_TRUE(next.has_value());
+    EXPECT_GT(*next, 55s);
+    EXPECT_LE(*next, 60s);
 }
 
 TEST_F(SpokesmanTest, SecondariesArePingedUntilTheyAreGone) {
