@@ -70,10 +70,12 @@ void BM_BurstToEightClientsBesideAHungOne(benchmark::State& state) {
                                    std::string("A1"));
         });
         size_t peak = 0;
-        const bool complete = wait_for(
+        std::vector<BusClient*> pumped;
+        for (auto& c : prompt)
+            pumped.push_back(c.get());
+        const bool complete = pump_until(
+            pumped,
             [&] {
-                for (auto& c : prompt)
-                    c->process();
                 peak = std::max(peak, bytes());
                 return std::all_of(prompt.begin(), prompt.end(),
                                    [&](const auto& c) { return c->received().size() >= kBurst; });

@@ -248,10 +248,12 @@ TEST_F(SpokesmanTest, PromptClientsReceiveABurstWholeAndInOrderWhileAHungOneIsDr
     burst(kBurst);
     // Pumped one by one, in one thread: a client waits for the others' turns
     // but never for the hung one.
-    ASSERT_TRUE(wait_for(
+    std::vector<BusClient*> pumped;
+    for (auto& c : prompt)
+        pumped.push_back(c.get());
+    ASSERT_TRUE(pump_until(
+        pumped,
         [&] {
-            for (auto& c : prompt)
-                c->process();
             return std::all_of(prompt.begin(), prompt.end(),
                                [](const auto& c) { return c->received().size() >= kBurst; });
         },
