@@ -18,6 +18,7 @@
 
 #include <chrono>
 #include <cstddef>
+#include <deque>
 #include <memory>
 #include <optional>
 #include <set>
@@ -111,6 +112,9 @@ class KALSpokesman {
     static int onFilter(sd_bus_message* m, void* userdata, sd_bus_error*);
     int filter(sd_bus_message* m);
     static int onWake(sd_event_source*, int, uint32_t, void* userdata);
+    // Dispatches a slice of the backlog and, while some is left, wakes the
+    // loop again for more.
+    void dispatchBacklog();
     static int onPingTimer(sd_event_source* s, uint64_t, void* userdata);
     void dispatch(const kal::Notification& n);
     void startPingTimer();
@@ -131,6 +135,11 @@ class KALSpokesman {
     kal::SlotPtr filter_slot_;
     kal::SlotPtr object_slot_;
     kal::EventSourcePtr wake_source_;
+    // Notifications taken from the queue and not yet dispatched. A burst is
+    // dispatched in slices, each one loop iteration, so the replies of
+    // clients (and their requests) are handled in between and none waits
+    // behind the daemon's own burst for its timeout.
+    std::deque<kal::Notification> backlog_;
     kal::EventSourcePtr ping_timer_;  // exists while secondaries are registered
     std::unique_ptr<kal::ClientLinks> links_;
 };

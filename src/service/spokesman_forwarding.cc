@@ -61,10 +61,25 @@ void KALSpokesman::redistributeNotificationFromClient(const Caller&, const OptSt
 int KALSpokesman::onWake(sd_event_source*, int, uint32_t, void* userdata) {
     return bus::guarded(0, [&] {
         auto* self = static_cast<KALSpokesman*>(userdata);
-        for (const auto& n : self->queue_->takeAll())
-            self->dispatch(n);
+        for (auto& n : self->queue_->takeAll())
+            self->backlog_.push_back(std::move(n));
+        self->dispatchBacklog();
         return 0;
     });
+}
+
+void KALSpokesman::dispatchBacklog() {
+    constexpr int kSlice = 64;
+    for (int i = 0; i < kSlice && !backlog_.empty(); ++i) {
+        const Notification n = std::move(backlog_.front());
+        backlog_.pop_front();
+        dispatch(n);
+    }
+    // Through the wake-up descriptor, not a deferred source: sd-event polls
+    // no descriptor while a deferred source is pending, so the replies would
+    // wait for the whole burst after all.
+    if (!backlog_.empty())
+        queue_->wake();
 }
 
 void KALSpokesman::dispatch(const Notification& n) {
