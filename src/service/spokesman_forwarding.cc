@@ -71,7 +71,7 @@ int KALSpokesman::onWake(sd_event_source*, int, uint32_t, void* userdata) {
 void KALSpokesman::dispatchBacklog() {
     constexpr int kSlice = 64;
     for (int i = 0; i < kSlice && !backlog_.empty(); ++i) {
-        const Notification n = std::move(backlog_.front());
+        Notification n = std::move(backlog_.front());
         backlog_.pop_front();
         dispatch(n);
     }
