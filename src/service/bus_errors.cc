@@ -4,11 +4,13 @@
 
 #include "log/kallog.h"
 #include "service/bus_contract.h"
+#include "service/bus_values.h"
 
 namespace kal::bus {
 
 int reply_exception(sd_bus_message* call, const KALException& e) {
-    return sd_bus_reply_method_errorf(call, kal_ExceptionErrorName, "%s", e.reason().c_str());
+    return sd_bus_reply_method_errorf(call, kal_ExceptionErrorName, "%s",
+                                      as_bus_text(e.reason()).c_str());
 }
 
 bool is_communication_error(std::string_view error_name) {

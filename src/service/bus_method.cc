@@ -18,7 +18,7 @@ int Arg<std::string>::read(sd_bus_message* m, std::string& out) {
 }
 
 int Arg<std::string>::append(sd_bus_message* m, const std::string& v) {
-    return sd_bus_message_append_basic(m, 's', v.c_str());
+    return append_text(m, v);
 }
 
 int Arg<OptString>::read(sd_bus_message* m, OptString& out) {
@@ -61,7 +61,7 @@ int Arg<StringList>::read(sd_bus_message* m, StringList& out) {
 int Arg<StringList>::append(sd_bus_message* m, const StringList& v) {
     int r = sd_bus_message_open_container(m, 'a', "s");
     for (size_t i = 0; r >= 0 && i < v.size(); ++i)
-        r = sd_bus_message_append_basic(m, 's', v[i].c_str());
+        r = append_text(m, v[i]);
     return r < 0 ? r : sd_bus_message_close_container(m);
 }
 

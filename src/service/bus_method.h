@@ -26,6 +26,7 @@
 #include <utility>
 
 #include "service/bus_errors.h"
+#include "service/bus_values.h"
 #include "service/requests.h"
 #include "service/sd_bus_handles.h"
 
@@ -187,7 +188,8 @@ int serve(sd_bus_message* m, void* userdata, sd_bus_error* error) {
         return reply_exception(m, e);
     } catch (const std::exception& e) {
         log_uncaught(e);
-        return sd_bus_reply_method_errorf(m, SD_BUS_ERROR_FAILED, "%s", e.what());
+        return sd_bus_reply_method_errorf(m, SD_BUS_ERROR_FAILED, "%s",
+                                          as_bus_text(e.what()).c_str());
     } catch (...) {
         log_uncaught_unknown();
         return sd_bus_reply_method_errorf(m, SD_BUS_ERROR_FAILED, "Internal error");

@@ -9,6 +9,43 @@ namespace kal::bus {
 
 namespace {
 
+// The length of the valid UTF-8 sequence starting at bytes[at], or 0. Valid
+// as sd-bus reads it: shortest form only, no UTF-16 surrogates, nothing past
+// U+10FFFF, and none of the noncharacters (U+FDD0..U+FDEF, U+xxFFFE/F).
+size_t utf8_sequence(std::string_view bytes, size_t at) {
+    const auto byte = [&](size_t i) { return static_cast<unsigned char>(bytes[i]); };
+    const unsigned char lead = byte(at);
+    if (lead < 0x80)
+        return lead ? 1 : 0;
+    size_t length;
+    char32_t c;
+    if (lead >= 0xC2 && lead <= 0xDF) {
+        length = 2;
+        c = lead & 0x1F;
+    } else if (lead >= 0xE0 && lead <= 0xEF) {
+        length = 3;
+        c = lead & 0x0F;
+    } else if (lead >= 0xF0 && lead <= 0xF4) {
+        length = 4;
+        c = lead & 0x07;
+    } else {
+        return 0;
+    }
+    if (bytes.size() - at < length)
+        return 0;
+    for (size_t i = 1; i < length; ++i) {
+        if ((byte(at + i) & 0xC0) != 0x80)
+            return 0;
+        c = (c << 6) | (byte(at + i) & 0x3F);
+    }
+    static constexpr char32_t kShortest[] = {0, 0, 0x80, 0x800, 0x10000};
+    if (c < kShortest[length] || c > 0x10FFFF || (c >= 0xD800 && c <= 0xDFFF))
+        return 0;
+    if ((c >= 0xFDD0 && c <= 0xFDEF) || (c & 0xFFFE) == 0xFFFE)
+        return 0;
+    return length;
+}
+
 int append_value(sd_bus_message* m, const Value& value);
 
 int append_array(sd_bus_message* m, const ValueArray& array) {
@@ -24,7 +61,7 @@ int append_entries(sd_bus_message* m, const ValueDict& dict, bool user_info) {
         const auto& [key, value] = *it;
         r = sd_bus_message_open_container(m, 'e', "sv");
         if (r >= 0)
-            r = sd_bus_message_append_basic(m, 's', key.c_str());
+            r = append_text(m, key);
         if (r < 0)
             break;
         if (user_info && key == kal_EventTimeKey &&
@@ -45,7 +82,7 @@ int append_entries(sd_bus_message* m, const ValueDict& dict, bool user_info) {
 int append_value(sd_bus_message* m, const Value& value) {
     struct Visitor {
         sd_bus_message* m;
-        int operator()(std::monostate) const { return sd_bus_message_append_basic(m, 's', ""); }
+        int operator()(std::monostate) const { return append_text(m, ""); }
         int operator()(bool b) const {
             int i = b ? 1 : 0;
             return sd_bus_message_append_basic(m, 'b', &i);
@@ -55,9 +92,7 @@ int append_value(sd_bus_message* m, const Value& value) {
         int operator()(uint32_t u) const { return sd_bus_message_append_basic(m, 'u', &u); }
         int operator()(uint64_t u) const { return sd_bus_message_append_basic(m, 't', &u); }
         int operator()(double d) const { return sd_bus_message_append_basic(m, 'd', &d); }
-        int operator()(const std::string& s) const {
-            return sd_bus_message_append_basic(m, 's', s.c_str());
-        }
+        int operator()(const std::string& s) const { return append_text(m, s); }
         int operator()(const Bytes& b) const {
             return sd_bus_message_append_array(m, 'y', b.data(), b.size());
         }
@@ -172,6 +207,41 @@ int read_elements(sd_bus_message* m, char type, const char* contents, ValueArray
 }
 
 }  // namespace
+
+bool is_bus_text(std::string_view bytes) {
+    for (size_t at = 0; at < bytes.size();) {
+        const size_t length = utf8_sequence(bytes, at);
+        if (length == 0)
+            return false;
+        at += length;
+    }
+    return true;
+}
+
+std::string as_bus_text(std::string_view bytes) {
+    bytes = bytes.substr(0, bytes.find('\0'));
+    std::string text;
+    text.reserve(bytes.size());
+    for (size_t at = 0; at < bytes.size();) {
+        if (const size_t length = utf8_sequence(bytes, at)) {
+            text.append(bytes.substr(at, length));
+            at += length;
+            continue;
+        }
+        // ISO-8859-1: the byte is the code point, below U+0100.
+        const auto latin1 = static_cast<unsigned char>(bytes[at++]);
+        text += static_cast<char>(0xC0 | (latin1 >> 6));
+        text += static_cast<char>(0x80 | (latin1 & 0x3F));
+    }
+    return text;
+}
+
+int append_text(sd_bus_message* m, const std::string& text) {
+    // Nearly every text is fine as it is: no copy for those.
+    if (is_bus_text(text))
+        return sd_bus_message_append_basic(m, 's', text.c_str());
+    return sd_bus_message_append_basic(m, 's', as_bus_text(text).c_str());
+}
 
 std::string signature_of(const Value& value) {
     struct Visitor {

@@ -12,10 +12,25 @@
 #include <systemd/sd-bus.h>
 
 #include <string>
+#include <string_view>
 
 #include "base/value.h"
 
 namespace kal::bus {
+
+// D-Bus strings must be valid UTF-8 without NUL, but much of what the daemon
+// passes on was never checked by anyone: caller-ID names and other texts from
+// line monitors, modem responses, log texts. Every text the daemon puts on
+// the bus therefore goes through as_bus_text: it ends at the first NUL, as a
+// C string does; valid UTF-8 passes unchanged; every byte that does not start
+// a valid sequence is taken as ISO-8859-1, the usual encoding of caller-ID
+// names on analogue lines, and becomes that character. A text is never
+// refused, so no notification is lost for its bytes.
+std::string as_bus_text(std::string_view bytes);
+// True when `bytes` is a text D-Bus accepts as it is.
+bool is_bus_text(std::string_view bytes);
+// Appends `text` as a D-Bus string (s), through as_bus_text.
+int append_text(sd_bus_message* m, const std::string& text);
 
 // The D-Bus signature a value is sent as ("s", "a{sv}", "av", ...). D-Bus
 // has no nil: a nil value goes as the empty string.

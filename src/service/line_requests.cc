@@ -31,6 +31,7 @@
 #include "lineio/request_queue.h"
 #include "log/kallog.h"
 #include "service/kal_errors.h"
+#include "service/request_limits.h"
 #include "service/requests.h"
 #include "service/spokesman.h"
 #include "service/vocabulary.h"
@@ -204,7 +205,9 @@ std::string dial(const Caller&, const OptString& digits, const OptString& serial
         [&]() -> std::string {
             kallog(KAL_DEBUG, "dial:'%s' onResource:%s callbackToken:%s called",
                    text_or_null(digits), text_or_null(serial), text_or_null(callbackToken));
-            if (!digits)
+            if (!digits || !limits::fits(digits, limits::kDialString) ||
+                !limits::fits(serial, limits::kSerial) ||
+                !limits::fits(callbackToken, limits::kToken))
                 return kal_ResponseCode_ERR_MalformedRequest;
             if (waitingForPickup) {
                 // Carried out by the line event thread at the next off-hook.
@@ -230,7 +233,7 @@ std::string cancelDialWithCallbackToken(const Caller&, const OptString& token) {
     return guarded(
         [&]() -> std::string {
             kallog(KAL_DEBUG, "cancelDialWithCallbackToken: '%s' called", text_or_null(token));
-            if (!token)
+            if (!token || !limits::fits(token, limits::kToken))
                 return kal_ResponseCode_ERR_MalformedRequest;
             DeviceTableLock lock(kTableChange);
             if (gWildcardDialToken == token) {
@@ -260,7 +263,8 @@ std::string placeCallOnResource(const Caller&, const OptString& serial, const Op
                                 const OptString& token) {
     return guarded(
         [&]() -> std::string {
-            if (!serial || !number || !token)
+            if (!serial || !number || !token || !limits::fits(serial, limits::kSerial) ||
+                !limits::fits(number, limits::kNumber) || !limits::fits(token, limits::kToken))
                 return kal_ResponseCode_ERR_MalformedRequest;
             kallog(KAL_DEBUG, "Received Place Call request on serial %s for %s with token %s",
                    serial->c_str(), number->c_str(), token->c_str());
@@ -281,7 +285,8 @@ std::string hangUpResource(const Caller&, const OptString& serial, const OptStri
     return guarded(
         [&]() -> std::string {
             // The token is required although nothing uses it.
-            if (!serial || !token)
+            if (!serial || !token || !limits::fits(serial, limits::kSerial) ||
+                !limits::fits(token, limits::kToken))
                 return kal_ResponseCode_ERR_MalformedRequest;
             kallog(KAL_DEBUG, "Received Hangup request for device %s", serial->c_str());
             add_todo(new_todo(REQ_HANGUP, *serial));
@@ -297,7 +302,8 @@ std::string performTRVOnResource(const Caller&, const OptString& serial, const O
                                  int32_t vlsMode) {
     return guarded(
         [&]() -> std::string {
-            if (!serial || !reason)
+            if (!serial || !reason || !limits::fits(serial, limits::kSerial) ||
+                !limits::fits(reason, limits::kTRVText))
                 return kal_ResponseCode_ERR_MalformedRequest;
             kallog(KAL_DEBUG, "Received TRV request for %s", reason->c_str());
             auto todo = new_todo(REQ_TRV, *serial);

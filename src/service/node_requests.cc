@@ -22,6 +22,7 @@
 #include "nodes/vm_node.h"
 #include "nodes/vmcheck_node.h"
 #include "service/kal_errors.h"
+#include "service/request_limits.h"
 #include "service/requests.h"
 #include "service/vocabulary.h"
 
@@ -58,6 +59,11 @@ void dispose_of_client_audio(const std::string& path) {
     }
 }
 
+// The serial and token every node request names fit their records.
+bool fits_line(const OptString& serial, const OptString& token) {
+    return limits::fits(serial, limits::kSerial) && limits::fits(token, limits::kToken);
+}
+
 // Runs a request's body; an exception is logged under `name` and answered
 // with an internal error.
 template <typename Body>
@@ -80,7 +86,9 @@ std::string beginCRNodeForResource(const Caller&, const OptString& serial, const
                                    const OptString& recFile, const OptString& prePlay,
                                    const OptString& postPlay, uint32_t flags) {
     return guarded("beginCRNode...", [&]() -> std::string {
-        if (!serial || !token || !recFile)
+        if (!serial || !token || !recFile || !fits_line(serial, token) ||
+            !limits::fits(recFile, limits::kPath) || !limits::fits(prePlay, limits::kPath) ||
+            !limits::fits(postPlay, limits::kPath))
             return kal_ResponseCode_ERR_MalformedRequest;
         kallog(KAL_DEBUG,
                "beginCRNodeForResource:%s token:%s recFile:%s prePlay:%s postPlay:%s flags: %d "
@@ -99,7 +107,9 @@ std::string beginVMNodeForResource(const Caller&, const OptString& serial, const
                                    int32_t postOGMPause, int32_t special,
                                    const OptString& firstCalling) {
     return guarded("beginVMNode...", [&]() -> std::string {
-        if (!serial || !token || (!ogm && !icm))
+        if (!serial || !token || (!ogm && !icm) || !fits_line(serial, token) ||
+            !limits::fits(ogm, limits::kPath) || !limits::fits(icm, limits::kPath) ||
+            !limits::fits(choices, limits::kDigits) || !limits::fits(firstCalling, limits::kDigits))
             return kal_ResponseCode_ERR_MalformedRequest;
         kallog(KAL_DEBUG,
                "beginVMNodeForResource:%s token:%s ogm:%s icm:%s choices:%s maxlength:%d "
@@ -118,7 +128,9 @@ std::string beginVMCheckNodeForResource(const Caller&, const OptString& serial,
                                         const OptString& token, const OptString& initialGreeting,
                                         const OptString& interMessageGreeting, int32_t special) {
     return guarded("beginVMCheckNode...", [&]() -> std::string {
-        if (!serial || !token || !initialGreeting || !interMessageGreeting)
+        if (!serial || !token || !initialGreeting || !interMessageGreeting ||
+            !fits_line(serial, token) || !limits::fits(initialGreeting, limits::kPath) ||
+            !limits::fits(interMessageGreeting, limits::kPath))
             return kal_ResponseCode_ERR_MalformedRequest;
         kallog(KAL_DEBUG,
                "beginVMCheckNodeForResource:%s token:%s initialGreeting:%s "
@@ -137,7 +149,8 @@ std::string restartVMCheckNodeForResource(const Caller&, const OptString& serial
                                           const OptString& initialGreeting) {
     // Its failures are logged as those of the next-message request, its twin.
     return guarded("nextVMCheckMessage...", [&]() -> std::string {
-        if (!serial || !token || !initialGreeting)
+        if (!serial || !token || !initialGreeting || !fits_line(serial, token) ||
+            !limits::fits(initialGreeting, limits::kPath))
             return kal_ResponseCode_ERR_MalformedRequest;
         kallog(KAL_DEBUG, "restartVMCheckNode: '%s' token: '%s' audio: '%s' called.",
                serial->c_str(), token->c_str(), initialGreeting->c_str());
@@ -152,7 +165,8 @@ std::string restartVMCheckNodeForResource(const Caller&, const OptString& serial
 std::string nextVMCheckMessage(const Caller&, const OptString& serial, const OptString& token,
                                const OptString& audio) {
     return guarded("nextVMCheckMessage...", [&]() -> std::string {
-        if (!serial || !token || !audio)
+        if (!serial || !token || !audio || !fits_line(serial, token) ||
+            !limits::fits(audio, limits::kPath))
             return kal_ResponseCode_ERR_MalformedRequest;
         kallog(KAL_DEBUG, "nextVMCheckMessage: '%s' token: '%s' audio: '%s' called.",
                serial->c_str(), token->c_str(), audio->c_str());
@@ -170,7 +184,8 @@ std::string scriptCompletedForResource(const Caller&, const OptString& serial,
                                        const OptString& responseAudio) {
     // Its failures are logged under the stop request's name, as they always were.
     return guarded("stopCRNodeForResource...", [&]() -> std::string {
-        if (!serial || !token)
+        if (!serial || !token || !fits_line(serial, token) ||
+            !limits::fits(responseAudio, limits::kPath))
             return kal_ResponseCode_ERR_MalformedRequest;
         kallog(KAL_DEBUG,
                "scriptCompletedForResource: '%s' token: '%s' sequence: '%d' response: '%s' "
@@ -187,7 +202,7 @@ std::string scriptCompletedForResource(const Caller&, const OptString& serial,
 
 std::string stopCRNodeForResource(const Caller&, const OptString& serial) {
     return guarded("stopCRNodeForResource...", [&]() -> std::string {
-        if (!serial)
+        if (!serial || !limits::fits(serial, limits::kSerial))
             return kal_ResponseCode_ERR_MalformedRequest;
         kallog(KAL_DEBUG, "stopCRNodeForResource:%s called", serial->c_str());
         if (CRNode::stopForResource(*serial))
@@ -203,7 +218,10 @@ std::string startScriptNodeForResource(const Caller&, const OptString& serial,
                                        const StringList& responseChoices,
                                        const OptString& prepicking) {
     return guarded("startScriptNode...", [&]() -> std::string {
-        if (!serial || !token || (choices.empty() && responseChoices.empty()))
+        if (!serial || !token || (choices.empty() && responseChoices.empty()) ||
+            !fits_line(serial, token) || !limits::fits(choices, limits::kDigits) ||
+            !limits::fits(responseChoices, limits::kDigits) ||
+            !limits::fits(prepicking, limits::kDigits))
             return kal_ResponseCode_ERR_MalformedRequest;
         kallog(KAL_DEBUG,
                "startScriptNodeForResource:%s token:%s with %d choices:%s achoices:%s called",

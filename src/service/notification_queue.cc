@@ -26,6 +26,10 @@ void NotificationQueue::push(Notification n) {
         std::lock_guard lock(mutex_);
         pending_.push_back(std::move(n));
     }
+    wake();
+}
+
+void NotificationQueue::wake() {
     // Only fails when the counter would overflow, and then the loop is
     // already due to wake.
     const uint64_t one = 1;

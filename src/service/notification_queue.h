@@ -21,6 +21,8 @@ class NotificationQueue {
 
     // Queues a copy of `n` and wakes the main loop.
     void push(Notification n);
+    // Wakes the main loop again without queueing anything (for work left over).
+    void wake();
     // Everything queued so far, in order; resets the wake-up.
     std::deque<Notification> takeAll();
     // Readable while notifications wait (an eventfd, close-on-exec).

@@ -134,9 +134,9 @@ void Notifier::notifyCommandFailure(const std::string& token, const std::string&
         Notification{kal_RequestComplete, serial ? Value(*serial) : Value(), std::move(info)});
 }
 
-void Notifier::reportVMNodeCompletion(const std::string& code, const std::string& token,
-                                      const std::string& serial, bool onHook,
-                                      const std::string& cause) {
+void Notifier::reportVMNodeCompletion(const std::string& token, const std::string& code,
+                                      const std::string& cause, bool onHook,
+                                      const std::string& serial) {
     post(kal_RequestComplete, serial,
          {{kal_Token, token},
           {kal_QLXSerialNumberKey, serial},
@@ -145,8 +145,8 @@ void Notifier::reportVMNodeCompletion(const std::string& code, const std::string
           {kal_DigitContentsKey, cause}});
 }
 
-void Notifier::reportCallCompletion(const std::string& code, const std::string& token,
-                                    const std::string& serial, const std::string& modemResponse) {
+void Notifier::reportCallCompletion(const std::string& token, const std::string& code,
+                                    const std::string& modemResponse, const std::string& serial) {
     post(kal_RequestComplete, serial,
          {{kal_Token, token},
           {kal_QLXSerialNumberKey, serial},
@@ -164,7 +164,7 @@ void Notifier::notifyDialSuccess(const std::string& token, const std::string& di
           {kal_OriginalRequestKey, kal_PleaseDial}});
 }
 
-void Notifier::reportAutodialedDigits(const std::string& digits, const std::string& token,
+void Notifier::reportAutodialedDigits(const std::string& token, const std::string& digits,
                                       const std::string& serial) {
     ValueDict info{{kal_Token, token},
                    {kal_QLXSerialNumberKey, serial},
@@ -203,8 +203,8 @@ void Notifier::reportResourceChange(const std::string& serial, bool available) {
     offHookSet_.erase(serial);
 }
 
-void Notifier::requestScriptExecution(const std::string& code, const std::string& token,
-                                      int sequence, const std::string& serial) {
+void Notifier::requestScriptExecution(const std::string& token, int sequence,
+                                      const std::string& code, const std::string& serial) {
     post(kal_QLXEvent, serial,
          {{kal_Token, token},
           {kal_QLXSerialNumberKey, serial},
@@ -259,7 +259,7 @@ void notify_dial_success(const std::string& token, const std::string& dialstring
 
 void report_autodialed_digits(const std::string& token, const std::string& digits,
                               const std::string& serial) {
-    Notifier::soleInstance().reportAutodialedDigits(digits, token, serial);
+    Notifier::soleInstance().reportAutodialedDigits(token, digits, serial);
 }
 
 void report_available_resource(const std::string& serial) {
@@ -274,13 +274,13 @@ void report_vmnode_complete(const std::string& token, const std::string& code, c
                             char onHook, const std::string& serial) {
     // A cause of 0 means "no cause": an empty text, since a NUL has no
     // place in a string a client receives.
-    Notifier::soleInstance().reportVMNodeCompletion(code, token, serial, onHook != 0,
-                                                    cause ? std::string(1, cause) : std::string());
+    Notifier::soleInstance().reportVMNodeCompletion(
+        token, code, cause ? std::string(1, cause) : std::string(), onHook != 0, serial);
 }
 
 void report_vmnode_completes(const std::string& token, const std::string& code,
                              const std::string& cause, char onHook, const std::string& serial) {
-    Notifier::soleInstance().reportVMNodeCompletion(code, token, serial, onHook != 0, cause);
+    Notifier::soleInstance().reportVMNodeCompletion(token, code, cause, onHook != 0, serial);
 }
 
 void report_crnode_complete(const std::string& token, const std::string& code, char cause,
@@ -293,12 +293,12 @@ void report_script_session_complete(const std::string&, const std::string&, char
 
 void report_call_placed(const std::string& token, const std::string& code,
                         const std::string& modemResponse, const std::string& serial) {
-    Notifier::soleInstance().reportCallCompletion(code, token, serial, modemResponse);
+    Notifier::soleInstance().reportCallCompletion(token, code, modemResponse, serial);
 }
 
 void request_script_execution(const std::string& token, int sequence, const std::string& code,
                               const std::string& serial) {
-    Notifier::soleInstance().requestScriptExecution(code, token, sequence, serial);
+    Notifier::soleInstance().requestScriptExecution(token, sequence, code, serial);
 }
 
 void vmcheck_request_next(const std::string& token, const std::string& serial,

@@ -25,16 +25,16 @@ class Notifier {
                         const std::string& serial);
     void notifyCommandFailure(const std::string& token, const std::string& code,
                               const std::optional<std::string>& serial);
-    void reportVMNodeCompletion(const std::string& code, const std::string& token,
-                                const std::string& serial, bool onHook, const std::string& cause);
-    void reportCallCompletion(const std::string& code, const std::string& token,
-                              const std::string& serial, const std::string& modemResponse);
+    void reportVMNodeCompletion(const std::string& token, const std::string& code,
+                                const std::string& cause, bool onHook, const std::string& serial);
+    void reportCallCompletion(const std::string& token, const std::string& code,
+                              const std::string& modemResponse, const std::string& serial);
     void notifyDialSuccess(const std::string& token, const std::string& dialstring,
                            const std::string& serial);
-    void reportAutodialedDigits(const std::string& digits, const std::string& token,
+    void reportAutodialedDigits(const std::string& token, const std::string& digits,
                                 const std::string& serial);
     void reportResourceChange(const std::string& serial, bool available);
-    void requestScriptExecution(const std::string& code, const std::string& token, int sequence,
+    void requestScriptExecution(const std::string& token, int sequence, const std::string& code,
                                 const std::string& serial);
     void requestNextVMCheck(const std::string& token, const std::string& serial,
                             const std::string& disposition, const std::string& stream);
@@ -54,7 +54,9 @@ class Notifier {
 };
 
 // Plain entry points for the C-shaped parts of the daemon (line I/O, core,
-// nodes). Each may be called from any thread.
+// nodes). Each may be called from any thread. Every entry point and the
+// member it calls take their arguments in the same order (the token first,
+// the serial last), so two texts of one type can never be swapped in passing.
 void handle_qlx_message(const char* buffer, int length, int qlx, const char* serial);
 void notify_cmd_failure(const std::string& token, const std::string& code,
                         const std::optional<std::string>& serial);

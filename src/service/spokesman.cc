@@ -92,7 +92,9 @@ void KALSpokesman::startServing(sd_event* loop) {
         cannotServe();
     }
     links_ = std::make_unique<ClientLinks>(
-        bus_.get(), ClientLinks::Limits{options_.callTimeout, options_.maxQueuedPerClient},
+        bus_.get(),
+        ClientLinks::Limits{options_.callTimeout, options_.deliveryWindow,
+                            options_.maxQueuedBytesPerClient},
         [this](const Proxy& p, CallKind kind, const CallFailure& f) { callFailed(p, kind, f); },
         [](const Proxy& p) {
             kallog(KAL_DEBUG, "Done pinging secondary %s.", p.describe().c_str());

@@ -18,7 +18,9 @@
 
 #include <chrono>
 #include <cstddef>
+#include <deque>
 #include <memory>
+#include <optional>
 #include <set>
 #include <string>
 #include <vector>
@@ -37,9 +39,14 @@ struct SpokesmanOptions {
     // How long a call to a client may go unanswered before it counts as
     // unreachable (NoReply).
     std::chrono::microseconds callTimeout = std::chrono::seconds(120);
-    // Notifications that may wait for one client object behind the one in
-    // flight; past that the client is dropped as not keeping up.
-    size_t maxQueuedPerClient = 1000;
+    // Notifications on their way to one client object at once. The system
+    // bus answers at most 128 calls in flight per connection by default, so
+    // this times the number of clients should stay below that.
+    size_t deliveryWindow = 4;
+    // Bytes of notifications one client object may hold (sent and not yet
+    // answered, or waiting): room for about 140000 line events. Past
+    // that the client is dropped as not keeping up.
+    size_t maxQueuedBytesPerClient = size_t{128} << 20;
 };
 
 class KALSpokesman {
@@ -93,6 +100,10 @@ class KALSpokesman {
     // before startServing.
     sd_bus* bus() const { return bus_.get(); }
     bool pingTimerRunning() const { return ping_timer_ != nullptr; }
+    // How long until the next ping pass; nothing while the timer is off.
+    std::optional<std::chrono::microseconds> untilNextPing() const;
+    // The bytes of notifications the outboxes hold for clients.
+    size_t queuedBytes() const { return links_ ? links_->queuedBytes() : 0; }
 
   private:
     void observe(const std::string& name);
@@ -101,6 +112,9 @@ class KALSpokesman {
     static int onFilter(sd_bus_message* m, void* userdata, sd_bus_error*);
     int filter(sd_bus_message* m);
     static int onWake(sd_event_source*, int, uint32_t, void* userdata);
+    // Dispatches a slice of the backlog and, while some is left, wakes the
+    // loop again for more.
+    void dispatchBacklog();
     static int onPingTimer(sd_event_source* s, uint64_t, void* userdata);
     void dispatch(const kal::Notification& n);
     void startPingTimer();
@@ -121,6 +135,11 @@ class KALSpokesman {
     kal::SlotPtr filter_slot_;
     kal::SlotPtr object_slot_;
     kal::EventSourcePtr wake_source_;
+    // Notifications taken from the queue and not yet dispatched. A burst is
+    // dispatched in slices, each one loop iteration, so the replies of
+    // clients (and their requests) are handled in between and none waits
+    // behind the daemon's own burst for its timeout.
+    std::deque<kal::Notification> backlog_;
     kal::EventSourcePtr ping_timer_;  // exists while secondaries are registered
     std::unique_ptr<kal::ClientLinks> links_;
 };

@@ -61,10 +61,25 @@ void KALSpokesman::redistributeNotificationFromClient(const Caller&, const OptSt
 int KALSpokesman::onWake(sd_event_source*, int, uint32_t, void* userdata) {
     return bus::guarded(0, [&] {
         auto* self = static_cast<KALSpokesman*>(userdata);
-        for (const auto& n : self->queue_->takeAll())
-            self->dispatch(n);
+        for (auto& n : self->queue_->takeAll())
+            self->backlog_.push_back(std::move(n));
+        self->dispatchBacklog();
         return 0;
     });
+}
+
+void KALSpokesman::dispatchBacklog() {
+    constexpr int kSlice = 64;
+    for (int i = 0; i < kSlice && !backlog_.empty(); ++i) {
+        Notification n = std::move(backlog_.front());
+        backlog_.pop_front();
+        dispatch(n);
+    }
+    // Through the wake-up descriptor, not a deferred source: sd-event polls
+    // no descriptor while a deferred source is pending, so the replies would
+    // wait for the whole burst after all.
+    if (!backlog_.empty())
+        queue_->wake();
 }
 
 void KALSpokesman::dispatch(const Notification& n) {
@@ -79,13 +94,15 @@ void KALSpokesman::dispatch(const Notification& n) {
     }
     // A copy: a client dropped during the walk leaves the list.
     const std::vector<Proxy> walk = subscribers;
+    // One copy for every subscriber's outbox.
+    const auto parcel = std::make_shared<const Parcel>(n);
     for (const Proxy& proxy : walk) {
         if (!registry_.isSubscribed(proxy, n.name))
             continue;
         if (registry_.isCancelled(proxy.sender))
             callFailed(proxy, CallKind::Delivery, cancelled_connection());
         else
-            links_->deliver(proxy, n);
+            links_->deliver(proxy, parcel);
     }
 }
 
@@ -121,6 +138,14 @@ void KALSpokesman::startPingTimer() {
         return;
     }
     ping_timer_.reset(source);
+}
+
+std::optional<std::chrono::microseconds> KALSpokesman::untilNextPing() const {
+    uint64_t due = 0, now = 0;
+    if (!ping_timer_ || sd_event_source_get_time(ping_timer_.get(), &due) < 0 ||
+        sd_event_now(loop_, CLOCK_MONOTONIC, &now) < 0)
+        return std::nullopt;
+    return std::chrono::microseconds(due > now ? due - now : 0);
 }
 
 int KALSpokesman::onPingTimer(sd_event_source* s, uint64_t, void* userdata) {

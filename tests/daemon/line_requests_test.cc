@@ -9,6 +9,7 @@
 #include <sys/wait.h>
 
 #include <cstdint>
+#include <functional>
 
 #include "base/paths.h"
 #include "bus_client.h"
@@ -264,6 +265,90 @@ TEST_F(LineRequestsTest, SystemWideDebugLevelReachesTheLogTheFileTheLinesAndTheC
     EXPECT_TRUE(usr1_count(*zr_, 2));
     EXPECT_TRUE(pump_until({client_.get()}, [&] { return broadcasts(7) == 1; }));
     EXPECT_EQ(read_file(debuglevel_path()), std::string("\x05\n", 2));
+}
+
+}  // namespace
+
+namespace {
+
+// The daemon's resident memory in KiB.
+long resident_kib(pid_t pid) {
+    const std::string status = read_file("/proc/" + std::to_string(pid) + "/status");
+    const auto at = status.find("VmRSS:");
+    return at == std::string::npos ? -1 : std::stol(status.substr(at + 6));
+}
+
+TEST_F(LineRequestsTest, TextsLongerThanTheLineCanCarryAreRefusedBeforeAnythingIsQueued) {
+    start_with_two_lines();
+    const auto text = [](size_t n, char c = '5') { return std::string(n, c); };
+    struct Case {
+        const char* desc;
+        std::function<BusReply(const std::string&)> call;
+        size_t limit;  // the longest accepted
+        std::string accepted;
+    } cases[] = {
+        {"dial string",
+         [&](const std::string& t) {
+             return client_->call("Dial", "sssb", t.c_str(), "NONE", "T", 0);
+         },
+         4094, kal_ResponseCode_OK},
+        {"dial token",
+         [&](const std::string& t) {
+             return client_->call("Dial", "sssb", "5", "NONE", t.c_str(), 0);
+         },
+         254, kal_ResponseCode_OK},
+        {"number",
+         [&](const std::string& t) {
+             return client_->call("PlaceCallOnResource", "sss", "NONE", t.c_str(), "T");
+         },
+         254, kal_ResponseCode_OK},
+        {"serial",
+         [&](const std::string& t) {
+             return client_->call("HangUpResource", "ss", t.c_str(), "T");
+         },
+         1023, kal_ResponseCode_OK},
+        {"reversal text",
+         [&](const std::string& t) {
+             return client_->call("PerformTRVOnResource", "ssi", "NONE", t.c_str(), 0);
+         },
+         4090, kal_ResponseCode_OK},
+        {"audio path",
+         [&](const std::string& t) {
+             const std::string path = "/" + t.substr(1);
+             return client_->call("NextVMCheckMessage", "sss", "NONE", "T", path.c_str());
+         },
+         1023, kal_ResponseCode_ERR_NoResource},
+        {"mailbox choice",
+         [&](const std::string& t) {
+             const char* choices[] = {t.c_str(), nullptr};
+             return client_->callWith("BeginVMNodeForResource", [&](sd_bus_message* m) {
+                 int r = sd_bus_message_append(m, "ssss", "NONE", "T", "/ogm", "");
+                 if (r >= 0)
+                     r = sd_bus_message_append_strv(m, const_cast<char**>(choices));
+                 return r < 0 ? r : sd_bus_message_append(m, "iiis", 10, 0, 0, "");
+             });
+         },
+         256, kal_ResponseCode_OK},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.desc);
+        EXPECT_EQ(c.call(text(c.limit)).str(), c.accepted);
+        EXPECT_EQ(c.call(text(c.limit + 1)).str(), kal_ResponseCode_ERR_MalformedRequest);
+    }
+
+    // Refused at once, however often, and nothing reaches the line.
+    const long before = resident_kib(daemon_->pid());
+    const std::string mebibyte = text(1 << 20);
+    for (int i = 0; i < 8; ++i)
+        EXPECT_EQ(dial(mebibyte.c_str(), "KL1001", "BIG", false),
+                  kal_ResponseCode_ERR_MalformedRequest);
+    EXPECT_EQ(kl_->send("wait-command D 0"), "error timed out waiting for command D");
+    // A queued one would hold a mebibyte for each of its million digit
+    // events; what is left is the requests themselves (and, under a
+    // sanitizer, the memory it keeps back after they were freed).
+    EXPECT_LT(resident_kib(daemon_->pid()) - before, 128 * 1024);
+    EXPECT_EQ(dial("123", "KL1001", "SMALL", false), kal_ResponseCode_OK);
+    EXPECT_EQ(kl_->send("wait-command D"), "ok D digits=123");
 }
 
 }  // namespace

@@ -128,17 +128,22 @@ TEST_F(KalctlVoiceModemTest, LinesShowsTheVoiceModemStartedWithItsOwnProgram) {
                       HasSubstr("program=V253LineMonitor")));
 }
 
-TEST_F(KalctlDaemonTest, MonitorPrintsARingAsItHappens) {
-    auto monitor = start_kalctl({"monitor", "--count", "1", "--timeout", "60"});
+TEST_F(KalctlDaemonTest, MonitorPrintsLineEventsAsTheyHappenLatin1NamesIncluded) {
+    auto monitor = start_kalctl({"monitor", "--count", "2", "--timeout", "60"});
     // RequestComplete is the last name it subscribes to.
     ASSERT_TRUE(wait_for([&] { return logged("to subscription array for 'RequestComplete'"); }))
         << log();
     LineSimControl line("KL1001");
     ASSERT_EQ(line.send("ring"), "ok sent R");
+    // "X5551234 JOS\xc9", as an analogue line sends a caller name.
+    ASSERT_EQ(line.send("frame 5835353531323334204a4f53c900"), "ok sent frame of 14 bytes");
     const auto o = finish(*monitor);
     EXPECT_EQ(o.status, 0) << o.err;
     EXPECT_THAT(o.out, MatchesRegex("[0-9]{2}:[0-9]{2}:[0-9]{2} KALRingDetect KL1001 "
-                                    "\\{KALQLXNumberKey = 0\\}\n"));
+                                    "\\{KALQLXNumberKey = 0\\}\n"
+                                    "[0-9]{2}:[0-9]{2}:[0-9]{2} KALCallerID KL1001 "
+                                    "\\{KALCallerIDContentsKey = 5551234 JOS\u00c9; "
+                                    "KALQLXNumberKey = 0\\}\n"));
 }
 
 // The path in a simulator's description of a P command.

@@ -4,8 +4,13 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <chrono>
+#include <memory>
+#include <optional>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "service/bus_values.h"
 #include "service/notifier.h"
@@ -172,17 +177,97 @@ TEST_F(SpokesmanTest, AClientThatNeverAnswersDelaysNoOneAndIsDroppedOnTimeout) {
     EXPECT_TRUE(subscribed(*prompt, "KALRingDetect"));
 }
 
-TEST_F(SpokesmanTest, AClientThatFallsTooFarBehindIsDroppedWithoutWaitingForTheTimeout) {
+TEST_F(SpokesmanTest, AClientThatHoldsTooManyBytesIsDroppedWithoutWaitingForTheTimeout) {
     SpokesmanOptions options;
-    options.maxQueuedPerClient = 3;
+    options.maxQueuedBytesPerClient = 64 * 1024;
     start(options);
     auto behind = client({"KALRingDetect"}, "/behind");  // never pumped from here on
-    // One in flight and three waiting fit; the fifth is one too many.
-    for (int i = 0; i < 5; ++i)
+    // Each ring holds at least this much.
+    const size_t one = Parcel(Notification{"KALRingDetect", Value("A1"), {}}).bytes;
+    const size_t rings = options.maxQueuedBytesPerClient / one + 1;
+    for (size_t i = 0; i < rings; ++i)
         ring();
     ASSERT_TRUE(waitLogged(removal(*behind) +
                            "exception on send: org.freedesktop.DBus.Error.LimitsExceeded"));
     EXPECT_FALSE(subscribed(*behind, "KALRingDetect"));
+    EXPECT_EQ(server_->get<size_t>([](KALSpokesman& s) { return s.queuedBytes(); }), 0u);
+}
+
+TEST_F(SpokesmanTest, AHundredThousandLineEventsFitInTheOutboxOfAClientThatFellBehind) {
+    start();
+    auto behind = client({"KALDigitDialed"}, "/behind");  // not pumped until the end
+    auto canary = client({"KALRingDetect"}, "/canary");
+    std::thread line_thread([] {
+        for (int i = 0; i < 100000; ++i) {
+            const char digit[] = {'#', static_cast<char>('0' + i % 10)};
+            handle_qlx_message(digit, 2, 3, "A1");
+        }
+        ring();
+    });
+    line_thread.join();
+    // Handed over in order: once the ring arrived, every digit was queued.
+    ASSERT_TRUE(pump_until(
+        {canary.get()}, [&] { return canary->received().size() == 1; }, 120s));
+    EXPECT_TRUE(subscribed(*behind, "KALDigitDialed"));
+    EXPECT_FALSE(logged("LimitsExceeded"));
+    EXPECT_GT(server_->get<size_t>([](KALSpokesman& s) { return s.queuedBytes(); }),
+              100000 * sizeof(Notification));
+
+    behind->close();
+    ASSERT_TRUE(waitLogged(removal(*behind)));
+    EXPECT_TRUE(wait_for([&] {
+        return server_->get<size_t>([](KALSpokesman& s) { return s.queuedBytes(); }) == 0;
+    }));
+}
+
+// A burst from the line event thread, numbered by its tokens.
+void burst(size_t count) {
+    std::thread line_thread([count] {
+        for (size_t i = 0; i < count; ++i)
+            notify_cmd_failure(std::to_string(i), kal_ResponseCode_ERR_NoResource,
+                               std::string("A1"));
+    });
+    line_thread.join();
+}
+
+// The full size, eight clients with 100000 each, is bench/delivery_bench.
+TEST_F(SpokesmanTest, PromptClientsReceiveABurstWholeAndInOrderWhileAHungOneIsDroppedOnTimeout) {
+    SpokesmanOptions options;
+    options.callTimeout = 2s;
+    start(options);
+    constexpr size_t kBurst = 5000;
+    auto hung = client({"RequestComplete"}, "/hung");  // never pumped from here on
+    std::vector<std::unique_ptr<BusClient>> prompt;
+    for (int i = 0; i < 8; ++i)
+        prompt.push_back(client({"RequestComplete"}, "/prompt" + std::to_string(i)));
+    auto bytes = [&] {
+        return server_->get<size_t>([](KALSpokesman& s) { return s.queuedBytes(); });
+    };
+    EXPECT_EQ(bytes(), 0u);
+
+    burst(kBurst);
+    // Pumped one by one, in one thread: a client waits for the others' turns
+    // but never for the hung one.
+    std::vector<BusClient*> pumped;
+    for (auto& c : prompt)
+        pumped.push_back(c.get());
+    ASSERT_TRUE(pump_until(
+        pumped,
+        [&] {
+            return std::all_of(prompt.begin(), prompt.end(),
+                               [](const auto& c) { return c->received().size() >= kBurst; });
+        },
+        120s));
+    for (const auto& c : prompt) {
+        SCOPED_TRACE(c->path());
+        ASSERT_EQ(c->received().size(), kBurst);
+        for (size_t i = 0; i < kBurst; ++i)
+            ASSERT_EQ(c->received()[i].userInfo.at(kal_Token).str(), std::to_string(i));
+        EXPECT_FALSE(logged(removal(*c)));
+    }
+    ASSERT_TRUE(
+        waitLogged(removal(*hung) + "exception on send: org.freedesktop.DBus.Error.NoReply"));
+    EXPECT_TRUE(wait_for([&] { return bytes() == 0; }));
 }
 
 TEST_F(SpokesmanTest, OtherErrorsFromAClientAreLoggedAndItStaysSubscribed) {
@@ -215,6 +300,35 @@ TEST_F(SpokesmanTest, UnRegisterMeEndsServiceAndTheNextDeliveryDropsTheClient) {
     leaving->process();
     EXPECT_THAT(leaving->received(), IsEmpty());
     EXPECT_FALSE(subscribed(*leaving, "KALRingDetect"));
+}
+
+TEST_F(SpokesmanTest, ASecondaryIsFirstPingedOneIntervalAfterItRegisteredAndThenEveryInterval) {
+    SpokesmanOptions options;
+    options.pingInterval = 1s;
+    start(options);
+    auto primary = client({}, "/primary");
+    const auto registered = std::chrono::steady_clock::now();
+    auto secondary = client({}, "/secondary", true);
+    ASSERT_TRUE(pump_until({secondary.get()}, [&] { return secondary->pings() == 1; }));
+    EXPECT_GE(std::chrono::steady_clock::now() - registered, options.pingInterval);
+    ASSERT_TRUE(pump_until({secondary.get()}, [&] { return secondary->pings() == 2; }));
+    EXPECT_GE(std::chrono::steady_clock::now() - registered, 2 * options.pingInterval);
+    EXPECT_EQ(primary->pings(), 0);
+}
+
+TEST_F(SpokesmanTest, SecondariesAreNextPingedAMinuteFromNow) {
+    start();
+    auto until_next = [&] {
+        return server_->get<std::optional<std::chrono::microseconds>>(
+            [](KALSpokesman& s) { return s.untilNextPing(); });
+    };
+    auto primary = client({}, "/primary");
+    EXPECT_EQ(until_next(), std::nullopt);
+    auto secondary = client({}, "/secondary", true);
+    const auto next = until_next();
+    ASSERT_TRUE(next.has_value());
+    EXPECT_GT(*next, 55s);
+    EXPECT_LE(*next, 60s);
 }
 
 TEST_F(SpokesmanTest, SecondariesArePingedUntilTheyAreGone) {

@@ -160,6 +160,11 @@ int BusClient::onInject(sd_bus_message* m, void* userdata, sd_bus_error* error) 
 
 bool pump_until(std::initializer_list<BusClient*> clients, const std::function<bool()>& cond,
                 std::chrono::milliseconds deadline) {
+    return pump_until(std::vector<BusClient*>(clients), cond, deadline);
+}
+
+bool pump_until(const std::vector<BusClient*>& clients, const std::function<bool()>& cond,
+                std::chrono::milliseconds deadline) {
     const auto end = std::chrono::steady_clock::now() + deadline;
     for (;;) {
         for (BusClient* c : clients)

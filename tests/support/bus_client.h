@@ -101,5 +101,7 @@ class BusClient {
 // Pumps every client in `clients` until `cond` holds; false after `deadline`.
 bool pump_until(std::initializer_list<BusClient*> clients, const std::function<bool()>& cond,
                 std::chrono::milliseconds deadline = std::chrono::seconds(20));
+bool pump_until(const std::vector<BusClient*>& clients, const std::function<bool()>& cond,
+                std::chrono::milliseconds deadline = std::chrono::seconds(20));
 
 }  // namespace kal::test
