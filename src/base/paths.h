@@ -37,7 +37,7 @@ std::string bus_name();
 std::string kal_root();
 
 // Resources, read only: line-monitor programs and sounds.
-std::string resources_dir();         // "/usr/lib/kaldevicemaster"
+std::string resources_dir();          // "/usr/lib/kaldevicemaster"
 std::string linemonitor_path();       // type-1 program
 std::string zrx_linemonitor_path();   // type-2 program
 std::string v253_linemonitor_path();  // type-3 program (voice modems)
