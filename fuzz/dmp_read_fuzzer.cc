@@ -3,7 +3,8 @@
 // cut short) and any payload, several frames in a row, read as the line
 // event thread reads them, from the non-blocking end of a real socket pair.
 // dmp_read must never write past the buffer it is given (AddressSanitizer
-// watches a buffer of exactly that size) nor return more than it holds.
+// watches a buffer of exactly that size) nor return more than it holds, and
+// the non-blocking FrameReader must read the same bytes as the same frames.
 //
 // The first input byte picks the buffer's size: the daemon's own, or a small
 // one that turns most payloads into an excess to read off and drop.
@@ -13,6 +14,8 @@
 #include <cstdint>
 #include <cstring>
 #include <memory>
+#include <string>
+#include <vector>
 
 #include "fuzz_support.h"
 #include "lineio/protocol.h"
@@ -60,12 +63,33 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     kal::fuzz::write_and_close(pair.theirs.get(), data, size);
 
     auto buffer = std::make_unique<char[]>(buffer_size);
+    std::vector<std::string> frames;
     for (;;) {
         const ssize_t n = dmp_read(pair.ours.get(), buffer.get(), buffer_size, -1);
         if (n <= 0)
             break;
         if (static_cast<size_t>(n) > buffer_size)
             __builtin_trap();
+        frames.emplace_back(buffer.get(), static_cast<size_t>(n));
+    }
+
+    // The line event thread's reader must see the very same frames in the
+    // same bytes, and stop where dmp_read stops (an end of file, a frame cut
+    // short, or a frame of no bytes).
+    kal::fuzz::SocketPair again = kal::fuzz::socket_pair();
+    kal::fuzz::write_and_close(again.theirs.get(), data, size);
+    FrameReader reader(buffer_size);
+    for (size_t i = 0;; ++i) {
+        const FrameReader::Step step = reader.readSome(again.ours.get());
+        if (step == FrameReader::Step::kFrame && !reader.frame().empty()) {
+            if (i >= frames.size() || reader.frame() != frames[i])
+                __builtin_trap();
+            continue;
+        }
+        if (step == FrameReader::Step::kWaiting || step == FrameReader::Step::kError ||
+            i != frames.size())
+            __builtin_trap();
+        break;
     }
     return 0;
 }

@@ -6,10 +6,14 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
+#include <sys/socket.h>
+
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <climits>
 #include <cstring>
+#include <map>
 #include <memory>
 #include <optional>
 #include <set>
@@ -31,15 +35,63 @@ using namespace kal;
 
 namespace {
 
-// Sockets that reached end of file. Their children are dead or dying, but
-// their records stay up until the supervisor reaps them, and a socket at end
-// of file is always readable: watching it would spin this thread and starve
-// the supervisor of the device-table lock it needs. They are watched no
-// more until the next rescan closes or replaces them. Line event thread only.
+// Sockets of line monitors that ended (end of file) or that we ended (a
+// message left unfinished, a command not taken). Their children are dead or
+// dying, but their records stay up until the supervisor reaps them, and a
+// socket at end of file is always readable: watching it would spin this
+// thread and starve the supervisor of the device-table lock it needs. They
+// are watched no more, and get no more commands, until the next rescan
+// closes or replaces them. Line event thread only.
 std::set<int>& ended_fds = *new std::set<int>;
 
-// How long a line monitor may take to finish a message it has begun.
+// The message each line monitor is in the middle of sending, by socket. The
+// thread serves every line, so it never waits for the rest of a message: it
+// takes what a socket holds and comes back when poll() says there is more.
+// The pid tells a new line monitor given a reused descriptor number from
+// the one whose bytes are kept. Line event thread only.
+struct LineReading {
+    pid_t pid;
+    FrameReader reader;
+};
+std::map<int, LineReading>& line_readings = *new std::map<int, LineReading>;
+
+// How long a line monitor may take to finish a message it has begun, or to
+// take a command we send it.
 std::atomic<int> frame_limit_ms{1000};
+
+// The milliseconds until the oldest unfinished message runs out of time
+// (0 if one already has), or -1 when no message is under way: how long the
+// loop may wait for something to happen.
+int ms_until_a_message_runs_out() {
+    const auto limit = line_frame_limit();
+    const auto now = std::chrono::steady_clock::now();
+    int wait = -1;
+    for (const auto& [fd, reading] : line_readings) {
+        if (!reading.reader.inFrame())
+            continue;
+        const auto left =
+            std::chrono::ceil<std::chrono::milliseconds>(reading.reader.started() + limit - now)
+                .count();
+        const int ms = left <= 0 ? 0 : left > INT_MAX ? INT_MAX : static_cast<int>(left);
+        wait = wait < 0 ? ms : std::min(wait, ms);
+    }
+    return wait;
+}
+
+// Ends every line monitor whose unfinished message has run out of time.
+void end_line_monitors_out_of_time() {
+    const auto limit = line_frame_limit();
+    const auto now = std::chrono::steady_clock::now();
+    std::vector<int> late;
+    for (const auto& [fd, reading] : line_readings)
+        if (reading.reader.inFrame() && now - reading.reader.started() >= limit)
+            late.push_back(fd);
+    for (int fd : late) {
+        kallog(KAL_ERR, "QLX%d left a message unfinished for %d ms. Treating it as dead.",
+               line_index_of(fd), static_cast<int>(limit.count()));
+        end_line_monitor(fd);
+    }
+}
 
 int descriptor_table_size() {
     struct rlimit rl {};
@@ -90,7 +142,9 @@ FdBounds calc_fdbounds() {
     return b;
 }
 
-void lineisr_pass(FdBounds& bounds) {
+namespace {
+
+void serve_one_pass(FdBounds& bounds) {
     // poll() in place of select(): same bounds, no FD_SETSIZE limit. A child
     // socket above maxfd waits for the next rescan to be watched.
     std::vector<pollfd> fds;
@@ -106,7 +160,8 @@ void lineisr_pass(FdBounds& bounds) {
         }
     }
 
-    int ready = poll(fds.data(), fds.size(), -1);
+    // Waits no longer than the oldest unfinished message has left.
+    int ready = poll(fds.data(), fds.size(), ms_until_a_message_runs_out());
     if (ready < 0) {
         int e = errno;
         if (e == EINTR) {
@@ -138,7 +193,7 @@ void lineisr_pass(FdBounds& bounds) {
             dm_exit(1);
         }
         do_rescan();
-        ended_fds.clear();
+        forget_lines_not_in_table();
         bounds = calc_fdbounds();
         kallog(KAL_DEBUG,
                "LineISR: Check after rescan reveals maxfd=%d. Lowest numbered QLX is %d. "
@@ -167,12 +222,61 @@ void lineisr_pass(FdBounds& bounds) {
         service_lineisr(fd);
 }
 
+}  // namespace
+
+void lineisr_pass(FdBounds& bounds) {
+    serve_one_pass(bounds);
+    // Whatever woke the pass, a line monitor whose message has run out of
+    // time is ended now, so a daemon kept busy by other lines ends it too.
+    end_line_monitors_out_of_time();
+}
+
 void set_line_frame_limit(std::chrono::milliseconds limit) {
     frame_limit_ms = static_cast<int>(limit.count());
 }
 
+std::chrono::milliseconds line_frame_limit() {
+    return std::chrono::milliseconds(frame_limit_ms.load());
+}
+
+int line_index_of(int fd) {
+    DeviceTableLock lock(kTableRead);
+    const qlx* rec = line_by_fd(fd);
+    return rec ? line_index(*rec) : -1;
+}
+
+void end_line_monitor(int fd) {
+    {
+        DeviceTableLock lock(kTableRead);
+        if (const qlx* rec = line_by_fd(fd)) {
+            kill_qlx(line_index(*rec), SIGHUP);
+            // The socket is shut, not closed: the descriptor number stays the
+            // record's until the rescan after the reaping closes it, so no
+            // other socket can take it meanwhile, and a line monitor that
+            // ignores its hang-up still finds its line to the daemon gone.
+            shutdown(fd, SHUT_RDWR);
+        }
+    }
+    ended_fds.insert(fd);
+    line_readings.erase(fd);
+}
+
+bool line_monitor_ended(int fd) {
+    return ended_fds.count(fd) != 0;
+}
+
+void forget_lines_not_in_table() {
+    ended_fds.clear();
+    DeviceTableLock lock(kTableRead);
+    std::erase_if(line_readings, [](const auto& entry) {
+        const qlx* rec = line_by_fd(entry.first);
+        return !rec || rec->status() != QLX_STATUS_UP || rec->pid != entry.second.pid;
+    });
+}
+
 void service_lineisr(int fd) {
     int index;
+    pid_t pid;
     {
         DeviceTableLock lock(kTableRead);
         const qlx* rec = line_by_fd(fd);
@@ -184,43 +288,50 @@ void service_lineisr(int fd) {
             return;
         }
         index = line_index(*rec);
+        pid = rec->pid;
     }
     kallog(KAL_DEVEL, "Message received from QLX%d.", index);
 
-    // The frame is read without the device-table lock, and a frame that is
-    // not complete within the limit counts as a dead line monitor: one that
-    // starts a message and then hangs, alive and with its socket open, must
-    // not stop the other lines and every client needing the table with it.
-    // The socket stays open meanwhile: only a rescan closes line sockets,
-    // and rescans run on this thread.
-    const int limit_ms = frame_limit_ms;
-    char buffer[lm::kEventBufferSize];
-    ssize_t n = dmp_read_within(fd, buffer, sizeof buffer, std::chrono::milliseconds(limit_ms));
-    if (n < 0 && errno == ETIMEDOUT) {
-        kallog(KAL_ERR, "QLX%d left a message unfinished for %d ms. Treating it as dead.", index,
-               limit_ms);
-        n = 0;
+    // The message is put together without the device-table lock and without
+    // waiting for its rest: a line monitor that starts a message and then
+    // hangs, alive and with its socket open, must not stop the other lines
+    // and every client needing the table with it. One not finished within
+    // the frame limit counts as a dead line monitor (see the pass). The
+    // socket stays open meanwhile: only a rescan closes line sockets, and
+    // rescans run on this thread.
+    auto it = line_readings.find(fd);
+    if (it == line_readings.end() || it->second.pid != pid)
+        it = line_readings.insert_or_assign(fd, LineReading{pid, FrameReader(lm::kEventBufferSize)})
+                 .first;
+    FrameReader& reader = it->second.reader;
+    switch (reader.readSome(fd)) {
+        case FrameReader::Step::kWaiting:
+            return;
+        case FrameReader::Step::kFrame:
+            // A message of no bytes has always meant the same as an end of
+            // file.
+            if (!reader.frame().empty()) {
+                const std::string message(reader.frame());
+                dispatch_line_message(message, index);
+                return;
+            }
+            break;
+        case FrameReader::Step::kEnd:
+            break;
+        case FrameReader::Step::kError: {
+            // A line monitor that dies with our commands still unread in its
+            // socket leaves us a reset instead of an end of file. It is the
+            // same death, and must not take the daemon down with it.
+            const int e = errno;
+            if (e == ECONNRESET || e == EPIPE)
+                break;
+            kallog(KAL_ERR, "LineISR: Error draining QLX%d signal. Quitting. (%d-%s)", index, e,
+                   strerror(e));
+            dm_exit(1);
+        }
     }
-    // A line monitor that dies with our commands still unread in its socket
-    // leaves us a reset instead of an end of file. It is the same death, and
-    // must not take the daemon down with it.
-    if (n < 0 && (errno == ECONNRESET || errno == EPIPE))
-        n = 0;
-    if (n < 0) {
-        int e = errno;
-        kallog(KAL_ERR, "LineISR: Error draining QLX%d signal. Quitting. (%d-%s)", index, e,
-               strerror(e));
-        dm_exit(1);
-    }
-    if (n == 0) {
-        kallog(KAL_ERR, "Read EOF from QLX%d. Killing child process.", index);
-        DeviceTableLock lock(kTableRead);
-        if (const qlx* rec = line_by_fd(fd))
-            kill_qlx(line_index(*rec), SIGHUP);
-        ended_fds.insert(fd);
-        return;
-    }
-    dispatch_line_message(std::string_view(buffer, static_cast<size_t>(n)), index);
+    kallog(KAL_ERR, "Read EOF from QLX%d. Killing child process.", index);
+    end_line_monitor(fd);
 }
 
 void dispatch_line_message(std::string_view message, int index) {

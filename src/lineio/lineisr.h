@@ -20,11 +20,26 @@ struct FdBounds {
 };
 FdBounds calc_fdbounds();
 
-// Handles one message from the line monitor on `fd`. A message begun but
-// not finished within the frame limit (one second unless set otherwise)
-// ends that line monitor as an end of file does.
+// Takes what the line monitor on `fd` has sent, without waiting for more,
+// and hands on the message it completes. A message begun but not finished
+// within the frame limit (one second unless set otherwise) ends that line
+// monitor as an end of file does; so does a command it does not take within
+// the limit.
 void service_lineisr(int fd);
 void set_line_frame_limit(std::chrono::milliseconds limit);
+std::chrono::milliseconds line_frame_limit();
+
+// Ends the line monitor on `fd` as a dead one (the caller logged why):
+// signals it SIGHUP, shuts its socket, and neither watches the socket nor
+// writes to it again until a rescan closes or replaces it; the supervisor
+// reaps the child. Line event thread only.
+void end_line_monitor(int fd);
+bool line_monitor_ended(int fd);
+// The "QLX%d" index of the line whose socket is `fd`, or -1.
+int line_index_of(int fd);
+// Drops what the line event thread keeps about sockets (ended ones, half
+// messages) that a rescan closed or gave to a new line monitor.
+void forget_lines_not_in_table();
 
 // Hands one message of line `index` (its payload, cut to
 // lm::kEventBufferSize bytes) to the line's node and to the clients, as the

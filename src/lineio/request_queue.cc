@@ -9,6 +9,7 @@
 
 #include "core/device_table.h"
 #include "lineio/intrapc.h"
+#include "lineio/lineisr.h"
 #include "lineio/protocol.h"
 #include "lineio/safe_io.h"
 #include "log/kallog.h"
@@ -124,14 +125,36 @@ void service_userisr() {
     todo_queue.pop_front();
     unlock_intrapc();
 
-    DeviceTableLock lock(kTableRead);
-    const qlx* rec = line_by_serial(todo->serial);
-    const int index = rec ? line_index(*rec) : -1;
-    if (auto cmd = build_command(*todo, index)) {
-        const ssize_t written = dmp_write(rec->fd.get(), cmd->data(), cmd->size());
-        if (written != static_cast<ssize_t>(cmd->size())) {
-            kallog(KAL_WARN, "Error on write to line monitor. Trying to kill line monitor");
-            kill_qlx(index, SIGHUP);
-        }
+    std::optional<std::string> cmd;
+    int fd = -1;
+    int index = -1;
+    {
+        DeviceTableLock lock(kTableRead);
+        const qlx* rec = line_by_serial(todo->serial);
+        index = rec ? line_index(*rec) : -1;
+        cmd = build_command(*todo, index);
+        if (rec)
+            fd = rec->fd.get();
+    }
+    if (!cmd)
+        return;
+    if (fd < 0 || line_monitor_ended(fd)) {
+        kallog(KAL_WARN, "QLX%d has no running line monitor. Dropping the command.", index);
+        return;
+    }
+    // Written without the device-table lock (the socket stays open: only a
+    // rescan closes line sockets, and rescans run on this thread) and within
+    // the frame limit: a line monitor that stops reading its socket must
+    // not freeze this thread, and with it every line, nor the clients
+    // needing the table. One that does not take a command in that time is
+    // treated as dead.
+    const auto limit = line_frame_limit();
+    if (dmp_write_within(fd, cmd->data(), cmd->size(), limit) !=
+        static_cast<ssize_t>(cmd->size())) {
+        const int e = errno;
+        kallog(KAL_ERR,
+               "Couldn't write a command to QLX%d within %d ms (%d-%s). Treating it as dead.",
+               index, static_cast<int>(limit.count()), e, strerror(e));
+        end_line_monitor(fd);
     }
 }

@@ -1,8 +1,10 @@
 #include "lineio/safe_io.h"
 
 #include <poll.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <chrono>
@@ -59,42 +61,93 @@ void safe_writetap(int srcfd, int destfd) {
     kallog(KAL_DEBUG, "SAFEIO: Initiated tapping: fd %d -> fd %d", srcfd, destfd);
 }
 
-ssize_t safe_write(int fd, const void* buffer, size_t length) {
+namespace {
+
+// When a write must be done by, or nothing for no limit.
+using WriteDeadline = std::optional<std::chrono::steady_clock::time_point>;
+
+// The milliseconds left until `deadline`, rounded up, at least 0.
+int ms_until(std::chrono::steady_clock::time_point deadline) {
+    const auto left =
+        std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now())
+            .count();
+    return left <= 0 ? 0 : left > INT_MAX ? INT_MAX : static_cast<int>(left);
+}
+
+void tap_copy(int fd, const char* p, ssize_t n) {
+    const TapPair tap = g_tap.load();
+    if (tap.src == -1 || fd != tap.src)
+        return;
+    const ssize_t t = ::write(tap.dest, p, static_cast<size_t>(n));
+    if (t != n) {
+        kallog(KAL_DEBUG, "Tap failed. (Wrote %d of %d bytes.)", static_cast<int>(t),
+               static_cast<int>(n));
+        // A tap exists to see every byte; one that silently drops some would
+        // mislead whoever is debugging. (As a wait status this reads
+        // 999 & 0xff = 231.)
+        exit(999);
+    }
+}
+
+// Writes all of `length` bytes. Without a deadline, a full descriptor is
+// waited out for as long as it takes; with one, `fd` must be a socket, is
+// never blocked on whatever its mode, and a write still short when the
+// deadline passes fails with ETIMEDOUT.
+ssize_t write_all(int fd, const void* buffer, size_t length, const WriteDeadline& deadline) {
     const char* p = static_cast<const char*>(buffer);
     size_t left = length;
     while (left > 0) {
-        const ssize_t n = ::write(fd, p, left);
+        // No SIGPIPE from a bounded write: a line monitor gone is an error
+        // to report like any other, in a test as in the daemon.
+        const ssize_t n =
+            deadline ? ::send(fd, p, left, MSG_DONTWAIT | MSG_NOSIGNAL) : ::write(fd, p, left);
         if (n < 0) {
             const int e = errno;
             if (e == EINTR)
                 continue;
             if (would_block(e)) {
-                // A full non-blocking descriptor: retrying at once would only
-                // spin. Waiting for room ends the same way, without the CPU.
-                wait_until_ready(fd, POLLOUT);
+                // A full descriptor: retrying at once would only spin.
+                if (!deadline) {
+                    wait_until_ready(fd, POLLOUT);
+                    continue;
+                }
+                const int ms = ms_until(*deadline);
+                if (ms == 0 || (wait_for(fd, POLLOUT, ms) < 0 && errno != EINTR)) {
+                    errno = ms == 0 ? ETIMEDOUT : errno;
+                    return -1;
+                }
                 continue;
             }
             kallog(KAL_INFO, "safe_write error: fd=%d - %s(%d)", fd, strerror(e), e);
+            errno = e;
             return -1;
         }
-        if (n > 0) {
-            const TapPair tap = g_tap.load();
-            if (tap.src != -1 && fd == tap.src) {
-                const ssize_t t = ::write(tap.dest, p, static_cast<size_t>(n));
-                if (t != n) {
-                    kallog(KAL_DEBUG, "Tap failed. (Wrote %d of %d bytes.)", static_cast<int>(t),
-                           static_cast<int>(n));
-                    // A tap exists to see every byte; one that silently drops
-                    // some would mislead whoever is debugging. (As a wait
-                    // status this reads 999 & 0xff = 231.)
-                    exit(999);
-                }
-            }
-        }
+        if (n > 0)
+            tap_copy(fd, p, n);
         p += n;
         left -= static_cast<size_t>(n);
     }
     return static_cast<ssize_t>(length);
+}
+
+ssize_t write_frame(int fd, const void* buffer, size_t length, const WriteDeadline& deadline) {
+    if (length > INT32_MAX) {
+        // The header could not say it; the reader would lose the framing.
+        kallog(KAL_INFO, "dmp_write: message of %zu bytes too long for its header (fd=%d)", length,
+               fd);
+        errno = EMSGSIZE;
+        return -1;
+    }
+    const int32_t header = static_cast<int32_t>(length);
+    if (write_all(fd, &header, sizeof header, deadline) < 0)
+        return -1;
+    return write_all(fd, buffer, length, deadline);
+}
+
+}  // namespace
+
+ssize_t safe_write(int fd, const void* buffer, size_t length) {
+    return write_all(fd, buffer, length, std::nullopt);
 }
 
 const char* mempbrk(const char* buffer, size_t length, const char* stops) {
@@ -108,17 +161,12 @@ const char* mempbrk(const char* buffer, size_t length, const char* stops) {
 }
 
 ssize_t dmp_write(int fd, const void* buffer, size_t length) {
-    if (length > INT32_MAX) {
-        // The header could not say it; the reader would lose the framing.
-        kallog(KAL_INFO, "dmp_write: message of %zu bytes too long for its header (fd=%d)", length,
-               fd);
-        errno = EMSGSIZE;
-        return -1;
-    }
-    const int32_t header = static_cast<int32_t>(length);
-    if (safe_write(fd, &header, sizeof header) < 0)
-        return -1;
-    return safe_write(fd, buffer, length);
+    return write_frame(fd, buffer, length, std::nullopt);
+}
+
+ssize_t dmp_write_within(int fd, const void* buffer, size_t length,
+                         std::chrono::milliseconds limit) {
+    return write_frame(fd, buffer, length, std::chrono::steady_clock::now() + limit);
 }
 
 ssize_t safe_read(int fd, void* buffer, size_t length, const char* stops, int timeout) {
@@ -190,49 +238,31 @@ ssize_t safe_read(int fd, void* buffer, size_t length, const char* stops, int ti
 
 namespace {
 
-// When a frame must be complete, or nothing for no limit.
-using FrameDeadline = std::optional<std::chrono::steady_clock::time_point>;
-
-// Reads `length` bytes, fewer only at an end of file. Without a deadline it
-// waits as long as it takes; with one, a read still short when it passes
-// fails with ETIMEDOUT. Returns the bytes read, or -1.
-ssize_t read_fully(int fd, void* buffer, size_t length, const FrameDeadline& deadline) {
-    if (!deadline)
-        return safe_read(fd, buffer, length, nullptr, -2);
-    char* buf = static_cast<char*>(buffer);
-    size_t got = 0;
-    while (got < length) {
-        const auto left = std::chrono::ceil<std::chrono::milliseconds>(
-                              *deadline - std::chrono::steady_clock::now())
-                              .count();
-        if (left <= 0) {
-            errno = ETIMEDOUT;
-            return -1;
-        }
-        // Waiting first also keeps a blocking descriptor from blocking.
-        const int ready = wait_for(fd, POLLIN, left > INT_MAX ? INT_MAX : static_cast<int>(left));
-        if (ready <= 0) {
-            if (ready < 0 && errno != EINTR)
-                return -1;
-            continue;
-        }
-        const ssize_t n = ::read(fd, buf + got, length - got);
-        if (n > 0) {
-            got += static_cast<size_t>(n);
-            continue;
-        }
-        if (n == 0)
-            return static_cast<ssize_t>(got);
-        const int e = errno;
-        if (e != EINTR && !would_block(e)) {
-            kallog(KAL_INFO, "safe_read error: fd=%d - %s(%d)", fd, strerror(e), e);
-            return -1;
-        }
-    }
-    return static_cast<ssize_t>(got);
+// Reads `length` bytes, fewer only at an end of file, waiting as long as it
+// takes. Returns the bytes read, or -1.
+ssize_t read_fully(int fd, void* buffer, size_t length) {
+    return safe_read(fd, buffer, length, nullptr, -2);
 }
 
-ssize_t read_frame(int fd, void* buffer, size_t size, int timeout, const FrameDeadline& deadline) {
+// A frame's length is judged before any of its payload is read, so a
+// hostile one ends the process at once rather than after the daemon has
+// waited for a buffer full of bytes that may never come.
+// Plain exit, not dm_exit: a reader may hold locks (the device table's)
+// that dm_exit's teardown would wait for.
+void refuse_hostile_excess(size_t excess) {
+    if (excess > kDmpMaxExcess) {
+        kallog(KAL_ERR, "Couldn't malloc in dmp_read for excess. Quitting.");
+        exit(1);
+    }
+}
+
+void log_discarded_excess(size_t excess) {
+    kallog(KAL_NOTICE,
+           "Discarded %d excess bytes in dmp_read. Supplied buffer too small to receive them.",
+           static_cast<int>(excess));
+}
+
+ssize_t read_frame(int fd, void* buffer, size_t size, int timeout) {
     unsigned char header_bytes[sizeof(int32_t)];
     ssize_t n = safe_read(fd, header_bytes, sizeof header_bytes, nullptr, timeout);
     if (n <= 0)
@@ -242,7 +272,7 @@ ssize_t read_frame(int fd, void* buffer, size_t size, int timeout, const FrameDe
         // that ran out mid-header). It is consumed, so the rest must be read
         // now or the framing is lost.
         const size_t have = static_cast<size_t>(n);
-        n = read_fully(fd, header_bytes + have, sizeof header_bytes - have, deadline);
+        n = read_fully(fd, header_bytes + have, sizeof header_bytes - have);
         if (n < 0)
             return -1;
         if (have + static_cast<size_t>(n) < sizeof header_bytes)
@@ -256,17 +286,9 @@ ssize_t read_frame(int fd, void* buffer, size_t size, int timeout, const FrameDe
     const size_t want = announced > size ? size : announced;
     const size_t excess = announced - want;
 
-    // Judged before any payload is read, so a hostile length ends the
-    // process at once rather than after the daemon has waited for a buffer
-    // full of bytes that may never come.
-    // Plain exit, not dm_exit: a reader may hold locks (the device table's)
-    // that dm_exit's teardown would wait for.
-    if (excess > kDmpMaxExcess) {
-        kallog(KAL_ERR, "Couldn't malloc in dmp_read for excess. Quitting.");
-        exit(1);
-    }
+    refuse_hostile_excess(excess);
 
-    n = read_fully(fd, buffer, want, deadline);
+    n = read_fully(fd, buffer, want);
     if (n < 0)
         return -1;
     if (static_cast<size_t>(n) < want)
@@ -280,27 +302,81 @@ ssize_t read_frame(int fd, void* buffer, size_t size, int timeout, const FrameDe
     char scrap[4096];
     for (size_t left = excess; left > 0;) {
         const size_t chunk = left < sizeof scrap ? left : sizeof scrap;
-        n = read_fully(fd, scrap, chunk, deadline);
+        n = read_fully(fd, scrap, chunk);
         if (n < 0)
             return -1;
         if (static_cast<size_t>(n) < chunk)
             return 0;
         left -= chunk;
     }
-    kallog(KAL_NOTICE,
-           "Discarded %d excess bytes in dmp_read. Supplied buffer too small to receive them.",
-           static_cast<int>(excess));
+    log_discarded_excess(excess);
     return static_cast<ssize_t>(size);
 }
 
 }  // namespace
 
 ssize_t dmp_read(int fd, void* buffer, size_t size, int timeout) {
-    return read_frame(fd, buffer, size, timeout, std::nullopt);
+    return read_frame(fd, buffer, size, timeout);
 }
 
-ssize_t dmp_read_within(int fd, void* buffer, size_t size, std::chrono::milliseconds limit) {
-    return read_frame(fd, buffer, size, -1, std::chrono::steady_clock::now() + limit);
+FrameReader::Step FrameReader::readSome(int fd) {
+    if (complete_) {
+        header_got_ = 0;
+        received_ = 0;
+        payload_.clear();
+        complete_ = false;
+    }
+    for (;;) {
+        char scrap[4096];
+        void* into;
+        size_t want;
+        if (header_got_ < sizeof header_) {
+            into = header_ + header_got_;
+            want = sizeof header_ - header_got_;
+        } else if (received_ < payload_.size()) {
+            into = payload_.data() + received_;
+            want = payload_.size() - received_;
+        } else if (received_ < announced_) {
+            into = scrap;
+            want = std::min<size_t>(announced_ - received_, sizeof scrap);
+        } else {
+            if (announced_ > payload_.size())
+                log_discarded_excess(announced_ - payload_.size());
+            complete_ = true;
+            return Step::kFrame;
+        }
+        // MSG_DONTWAIT: the socket need not be non-blocking for this reader
+        // never to block on it.
+        const ssize_t n = ::recv(fd, into, want, MSG_DONTWAIT);
+        if (n < 0) {
+            const int e = errno;
+            if (e == EINTR)
+                continue;
+            if (would_block(e))
+                return Step::kWaiting;
+            kallog(KAL_INFO, "safe_read error: fd=%d - %s(%d)", fd, strerror(e), e);
+            errno = e;
+            return Step::kError;
+        }
+        if (n == 0)
+            return Step::kEnd;
+        if (header_got_ < sizeof header_) {
+            if (header_got_ == 0)
+                started_ = std::chrono::steady_clock::now();
+            header_got_ += static_cast<size_t>(n);
+            if (header_got_ < sizeof header_)
+                continue;
+            int32_t header;
+            memcpy(&header, header_, sizeof header);
+            // A negative length reads as a huge one.
+            announced_ = static_cast<uint32_t>(header);
+            const size_t keep = announced_ > capacity_ ? capacity_ : announced_;
+            refuse_hostile_excess(announced_ - keep);
+            payload_.assign(keep, '\0');
+            continue;
+        }
+        received_ += static_cast<size_t>(n);
+    }
 }
 
 ssize_t safe_cleanread(int fd, char* buffer, size_t size, const char* stops, int timeout) {

@@ -57,6 +57,7 @@ class LineIsrTest : public ::testing::Test {
     void SetUp() override {
         kallogregister("KALDeviceMaster");  // before anything logs
         init_lmcomm_intrapc();
+        set_line_frame_limit(1s);
         for (const char* serial : {"A1", "B2"}) {
             int sv[2];
             ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, sv), 0);
@@ -227,20 +228,93 @@ TEST_F(LineIsrChildTest, EndOfFileHangsUpTheLineMonitor) {
     EXPECT_EQ(ending_signal(), SIGHUP);
 }
 
-TEST_F(LineIsrChildTest, MessageLeftUnfinishedPastTheLimitHangsUpTheLineMonitor) {
-    set_line_frame_limit(50ms);
-    // A header announcing 16 bytes and two of them, from a line monitor
-    // that stays alive with its socket open.
+// A header announcing 16 bytes and two of them: the start of a message
+// from a line monitor that then stays silent, alive and with its socket open.
+std::string half_a_frame() {
     const int32_t announced = 16;
-    std::string part(reinterpret_cast<const char*>(&announced), sizeof announced);
-    part += "RX";
+    return std::string(reinterpret_cast<const char*>(&announced), sizeof announced) + "RX";
+}
+
+TEST_F(LineIsrTest, MessageInPiecesIsServedWhenCompleteWithOtherLinesServedMeanwhile) {
+    set_line_frame_limit(30s);  // never the cause of anything here, however slow the machine
+    std::string caller_id;
+    {
+        const std::string payload = "X5551234";
+        const int32_t n = static_cast<int32_t>(payload.size());
+        caller_id = std::string(reinterpret_cast<const char*>(&n), sizeof n) + payload;
+    }
+    ASSERT_EQ(write(peers_[0].get(), caller_id.data(), 3), 3);  // inside the header
+    pass();
+    line_sends(1, "R");
+    pass();
+    ASSERT_EQ(write(peers_[0].get(), caller_id.data() + 3, 4), 4);
+    pass();
+    line_sends(1, "b");
+    pass();
+    EXPECT_THAT(journal_, ElementsAre("KALRingDetect", "KALBusyTone"));
+    ASSERT_EQ(write(peers_[0].get(), caller_id.data() + 7, caller_id.size() - 7),
+              ssize_t(caller_id.size() - 7));
+    pass();
+    EXPECT_THAT(journal_, ElementsAre("KALRingDetect", "KALBusyTone", "KALCallerID"));
+}
+
+TEST_F(LineIsrChildTest, LineMonitorStalledInAMessageHoldsUpNoOtherLineAndEndsAtTheLimit) {
+    set_line_frame_limit(30s);
+    const std::string part = half_a_frame();
     ASSERT_EQ(write(peers_[0].get(), part.data(), part.size()), ssize_t(part.size()));
     pass();
+    line_sends(1, "R");
+    pass();
+    line_sends(1, "b");
+    pass();
+    queue(REQ_HANGUP, "B2");
+    pass();
+    EXPECT_THAT(journal_, ElementsAre("KALRingDetect", "KALBusyTone"));
+    EXPECT_EQ(line_received(1), std::string("H\0", 2));
+    // Had any of these waited on the stalled message, its 30 s would have
+    // run out first, and its line monitor would have been hung up by now.
+    EXPECT_EQ(waitpid(child_, nullptr, WNOHANG), 0) << "the stalled line monitor was ended early";
+
+    // Out of time (its limit cut short): the next pass ends it.
+    set_line_frame_limit(50ms);
+    pass();
+    EXPECT_EQ(ending_signal(), SIGHUP);
+    EXPECT_THAT(test::read_file(root_.daemon_log()),
+                ::testing::HasSubstr("QLX0 left a message unfinished for 50 ms"));
+}
+
+TEST_F(LineIsrChildTest, MessageLeftUnfinishedIsWaitedForNoLongerThanTheLimit) {
+    set_line_frame_limit(50ms);
+    const std::string part = half_a_frame();
+    ASSERT_EQ(write(peers_[0].get(), part.data(), part.size()), ssize_t(part.size()));
+    pass();  // takes the bytes
+    pass();  // waits for the rest until the limit, then ends the line monitor
     EXPECT_EQ(ending_signal(), SIGHUP);
     // The other line is served as before.
     line_sends(1, "R");
     pass();
     EXPECT_THAT(journal_, ElementsAre("KALRingDetect"));
+}
+
+// A line monitor that stops reading its socket: once the socket is full, a
+// command it does not take within the limit ends it, the commands after it
+// are dropped at once, and the other line still gets its own.
+TEST_F(LineIsrChildTest, LineMonitorThatStopsReadingIsEndedAndHoldsUpNoOtherLine) {
+    set_line_frame_limit(50ms);
+    const std::string sound(4000, 'a');
+    constexpr int kCommands = 200;  // 800 kB: far more than a socket buffers
+    for (int i = 0; i < kCommands; ++i)
+        queue(REQ_PLAY, "A1", sound);
+    queue(REQ_HANGUP, "B2");
+    for (int i = 0; i <= kCommands; ++i)
+        pass();
+    EXPECT_EQ(queued_todo_count(), 0);
+    EXPECT_EQ(ending_signal(), SIGHUP);
+    EXPECT_EQ(line_received(1), std::string("H\0", 2));
+    const std::string log = test::read_file(root_.daemon_log());
+    EXPECT_THAT(log, ::testing::HasSubstr("Couldn't write a command to QLX0 within 50 ms"));
+    EXPECT_THAT(log,
+                ::testing::HasSubstr("QLX0 has no running line monitor. Dropping the command."));
 }
 
 TEST_F(LineIsrTest, AnEndedSocketIsNotWatchedAgainUntilTheRescan) {

@@ -148,30 +148,73 @@ void read_frame_with_header(int32_t len) {
     dmp_read(sv[0], buf, sizeof buf, -1);
 }
 
-TEST_F(DmpFraming, FrameNotFinishedWithinTheLimitFailsAndAFinishedOneReads) {
-    set_nonblocking(near_.get());
-    char buf[64] = {};
-    // Finished in pieces, within the limit.
-    const std::string f = frame("X5551234");
-    send(f.substr(0, 6));
-    std::thread rest([&] {
-        wait_for([&] { return unread_bytes(near_.get()) == 0; });
-        send(f.substr(6));
-    });
-    EXPECT_EQ(dmp_read_within(near_.get(), buf, sizeof buf, 20s), 8);
-    rest.join();
-    EXPECT_EQ(std::string(buf), "X5551234");
+// The line event thread's reader: frames come out as soon as their last
+// byte does, however the bytes are sliced, and a socket with nothing in it
+// never blocks the reader, even a blocking one.
+TEST_F(DmpFraming, FrameReaderAssemblesFramesFromAnySlicesWithoutWaiting) {
+    FrameReader reader(8);
+    using Step = FrameReader::Step;
+    EXPECT_EQ(reader.readSome(near_.get()), Step::kWaiting);
+    EXPECT_FALSE(reader.inFrame());
 
-    // Begun, then nothing: a header announcing 16 bytes and two of them.
-    send(frame(std::string(16, 'R')).substr(0, 6));
-    errno = 0;
-    EXPECT_EQ(dmp_read_within(near_.get(), buf, sizeof buf, 50ms), -1);
+    // One byte at a time: a header, then a payload past the capacity.
+    const std::string first = frame("X5551234JOS");
+    for (size_t i = 0; i + 1 < first.size(); ++i) {
+        send(first.substr(i, 1));
+        ASSERT_EQ(reader.readSome(near_.get()), Step::kWaiting) << i;
+        EXPECT_TRUE(reader.inFrame());
+    }
+    const auto started = reader.started();
+    // The last byte, with a whole frame and a half one behind it.
+    send(first.substr(first.size() - 1) + frame("R") + frame("bb").substr(0, 5));
+    ASSERT_EQ(reader.readSome(near_.get()), Step::kFrame);
+    EXPECT_EQ(reader.frame(), "X5551234");  // cut to the capacity, the rest dropped
+    EXPECT_FALSE(reader.inFrame());
+    ASSERT_EQ(reader.readSome(near_.get()), Step::kFrame);
+    EXPECT_EQ(reader.frame(), "R");
+    EXPECT_EQ(reader.readSome(near_.get()), Step::kWaiting);
+    EXPECT_TRUE(reader.inFrame());
+    EXPECT_TRUE(reader.started() >= started);
+    send("b");
+    ASSERT_EQ(reader.readSome(near_.get()), Step::kFrame);
+    EXPECT_EQ(reader.frame(), "bb");
+
+    send(frame(""));
+    ASSERT_EQ(reader.readSome(near_.get()), Step::kFrame);
+    EXPECT_EQ(reader.frame(), "");
+    send(header(3) + "x");
+    far_.reset();
+    EXPECT_EQ(reader.readSome(near_.get()), Step::kEnd);  // inside a frame
+    EXPECT_THAT(log_text(), HasSubstr("NOTICE: Discarded 3 excess bytes in dmp_read."));
+}
+
+TEST(FrameReaderHostileLength, EndsTheProcessOnTheHeader) {
+    EXPECT_EXIT(
+        {
+            int sv[2];
+            socketpair(AF_UNIX, SOCK_STREAM, 0, sv);
+            const int32_t hostile = static_cast<int32_t>(4096 + kDmpMaxExcess + 1);
+            (void)::write(sv[1], &hostile, sizeof hostile);
+            FrameReader reader(4096);
+            reader.readSome(sv[0]);
+            exit(3);
+        },
+        ::testing::ExitedWithCode(1), "Couldn't malloc in dmp_read for excess\\. Quitting\\.");
+}
+
+// A socket that nobody reads: a bounded write gives up at its limit instead
+// of waiting for room that never comes, and never raises SIGPIPE.
+TEST_F(DmpFraming, WriteWithinALimitFailsOnAPeerThatStopsReadingOrLeft) {
+    const std::string big(64 * 1024, 'P');
+    ssize_t n = 0;
+    int frames = 0;
+    while ((n = dmp_write_within(near_.get(), big.data(), big.size(), 50ms)) > 0)
+        ASSERT_LT(++frames, 1000);
+    EXPECT_EQ(n, -1);
     EXPECT_EQ(errno, ETIMEDOUT);
-    // Half a header is no better.
-    send(frame("R").substr(0, 2));
-    errno = 0;
-    EXPECT_EQ(dmp_read_within(near_.get(), buf, sizeof buf, 50ms), -1);
-    EXPECT_EQ(errno, ETIMEDOUT);
+    far_.reset();
+    EXPECT_EQ(dmp_write_within(near_.get(), "H", 1, 50ms), -1);
+    EXPECT_EQ(errno, EPIPE);
 }
 
 TEST(DmpHostileLength, EndsTheProcessBeforeAnyPayloadIsRead) {
