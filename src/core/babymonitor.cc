@@ -154,6 +154,8 @@ void start_babymonitor() {
         kallog(KAL_ERR, "Couldn't create babymonitor thread. Quitting. (%d-%s)", rc, strerror(rc));
         dm_exit(1);
     }
+    // Named for ps, top and the benchmark's per-thread figures.
+    pthread_setname_np(babymonitor_tid, "kal-babymon");
     babymonitor_tid_valid = true;
     kallog(KAL_DEBUG, "Detaching babymonitor thread");
     rc = pthread_detach(babymonitor_tid);

@@ -121,6 +121,8 @@ void start_lineisr() {
         kallog(KAL_ERR, "Couldn't create lineisr thread. Quitting. (%d-%s)", rc, strerror(rc));
         dm_exit(1);
     }
+    // Named for ps, top and the benchmark's per-thread figures.
+    pthread_setname_np(tid, "kal-lineisr");
     pthread_detach(tid);
 }
 

@@ -101,6 +101,8 @@ void ensure_thread_and_wake() {
             kallog(KAL_ERR, "Couldn't create timer thread. Quitting. (%d-%s)", rc, strerror(rc));
             dm_exit(1);
         }
+        // Named for ps, top and the benchmark's per-thread figures.
+        pthread_setname_np(tid, "kal-timers");
         timer_running = true;
         rc = pthread_detach(tid);
         if (rc != 0) {

@@ -43,6 +43,10 @@ struct LogState {
     time_t rollafter = 0;
     FILE* mystderr = nullptr;
     int protectedfd = -1;
+    // The ctime text of `stamped`: a log line's time changes once a second,
+    // so most lines reuse it instead of converting the time again.
+    time_t stamped = -1;
+    char stamp[64] = "";
 };
 // Never destroyed: other threads may still log while exit() runs destructors.
 LogState& S = *new LogState;
@@ -55,6 +59,16 @@ std::string ctime_text(time_t t) {
         return "?";
     buf[strcspn(buf, "\n")] = '\0';
     return buf;
+}
+
+// ctime_text(now), kept for the rest of the second. Under debug_mutex.
+const char* stamp_text(time_t now) {
+    if (now != S.stamped) {
+        const std::string text = ctime_text(now);
+        snprintf(S.stamp, sizeof S.stamp, "%s", text.c_str());
+        S.stamped = now;
+    }
+    return S.stamp;
 }
 
 // "<time> <pname>[<pid>]: ", the prefix of header and roll lines.
@@ -341,7 +355,10 @@ void kallog(int level, const char* format, ...) {
     }
 
     // EMERG is never filtered and never waits for the mutex: it must get out
-    // even when another thread is stuck holding it.
+    // even when another thread is stuck holding it. A message above the
+    // level costs no more than this test.
+    if (level != KAL_EMERG && level > static_cast<int>(debuglevel.load()))
+        return;
     std::unique_lock<std::mutex> lock(debug_mutex, std::defer_lock);
     if (level != KAL_EMERG) {
         lock.lock();
@@ -360,8 +377,11 @@ void kallog(int level, const char* format, ...) {
     va_end(ap);
     const char* name = kallog_level_name(static_cast<unsigned>(level));
     char line[kMessageBytes + 256];
-    snprintf(line, sizeof line, "%s %s[%d] %s: %s\n", ctime_text(now).c_str(), S.pname.c_str(),
-             getpid(), name, text);
+    // EMERG holds no lock, so it may not use the shared stamp.
+    const std::string emerg_stamp = level == KAL_EMERG ? ctime_text(now) : std::string();
+    snprintf(line, sizeof line, "%s %s[%d] %s: %s\n",
+             level == KAL_EMERG ? emerg_stamp.c_str() : stamp_text(now), S.pname.c_str(), getpid(),
+             name, text);
 
     if (S.debugfile) {
         fputs(line, S.debugfile);

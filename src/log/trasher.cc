@@ -80,6 +80,8 @@ void start_trasher() {
         kallog(KAL_ERR, "Couldn't create logtrasher thread. Quitting. (%d-%s)", rc, strerror(rc));
         dm_exit(1);
     }
+    // Named for ps, top and the benchmark's per-thread figures.
+    pthread_setname_np(tid, "kal-trasher");
 }
 
 void do_trashing(time_t now) {

@@ -210,6 +210,13 @@ int read_elements(sd_bus_message* m, char type, const char* contents, ValueArray
 
 bool is_bus_text(std::string_view bytes) {
     for (size_t at = 0; at < bytes.size();) {
+        // Plain ASCII, nearly every byte the daemon sends, needs no decoding:
+        // every text of every delivery passes here.
+        const auto byte = static_cast<unsigned char>(bytes[at]);
+        if (byte != 0 && byte < 0x80) {
+            ++at;
+            continue;
+        }
         const size_t length = utf8_sequence(bytes, at);
         if (length == 0)
             return false;

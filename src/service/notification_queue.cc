@@ -22,11 +22,17 @@ NotificationQueue::NotificationQueue() : wake_(eventfd(0, EFD_CLOEXEC | EFD_NONB
 }
 
 void NotificationQueue::push(Notification n) {
+    bool first;
     {
         std::lock_guard lock(mutex_);
+        first = pending_.empty();
         pending_.push_back(std::move(n));
     }
-    wake();
+    // The loop takes everything queued at once, so only the notification
+    // that finds the queue empty has to wake it: the others ride along. One
+    // that finds it taken a moment later wakes it again.
+    if (first)
+        wake();
 }
 
 void NotificationQueue::wake() {
@@ -38,11 +44,13 @@ void NotificationQueue::wake() {
 }
 
 std::deque<Notification> NotificationQueue::takeAll() {
-    // Reset the counter first: a push after this point wakes the loop again.
+    // The counter is reset under the lock, with the queue emptied: a push
+    // that found the queue non-empty has nothing left to wake for, and the
+    // next push finds it empty and wakes the loop again.
+    std::lock_guard lock(mutex_);
     uint64_t count;
     ssize_t ignored = ::read(wake_.get(), &count, sizeof count);
     (void)ignored;
-    std::lock_guard lock(mutex_);
     return std::exchange(pending_, {});
 }
 

@@ -19,7 +19,7 @@ class NotificationQueue {
     // Exits the daemon (dm_exit(1)) when the wake-up descriptor cannot be made.
     NotificationQueue();
 
-    // Queues a copy of `n` and wakes the main loop.
+    // Queues `n` and wakes the main loop unless it is already due to wake.
     void push(Notification n);
     // Wakes the main loop again without queueing anything (for work left over).
     void wake();

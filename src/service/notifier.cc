@@ -242,9 +242,9 @@ void Notifier::notifyOfVMRecordingStart(const std::string& token, const std::str
 void handle_qlx_message(const char* buffer, int length, int qlx, const char* serial) {
     if (length < 1)
         return;
-    const std::string copy(buffer, static_cast<size_t>(length));
-    Notifier::soleInstance().handleQLXEvent(
-        copy.data(), copy.size(), static_cast<signed char>(copy[0]), qlx, serial ? serial : "");
+    Notifier::soleInstance().handleQLXEvent(buffer, static_cast<size_t>(length),
+                                            static_cast<signed char>(buffer[0]), qlx,
+                                            serial ? serial : "");
 }
 
 void notify_cmd_failure(const std::string& token, const std::string& code,

@@ -116,7 +116,7 @@ class KALSpokesman {
     // loop again for more.
     void dispatchBacklog();
     static int onPingTimer(sd_event_source* s, uint64_t, void* userdata);
-    void dispatch(const kal::Notification& n);
+    void dispatch(kal::Notification n);
     void startPingTimer();
     void callFailed(const kal::Proxy& proxy, kal::CallKind kind, const kal::CallFailure& f);
     [[noreturn]] void runloop();

@@ -73,7 +73,7 @@ void KALSpokesman::dispatchBacklog() {
     for (int i = 0; i < kSlice && !backlog_.empty(); ++i) {
         Notification n = std::move(backlog_.front());
         backlog_.pop_front();
-        dispatch(n);
+        dispatch(std::move(n));
     }
     // Through the wake-up descriptor, not a deferred source: sd-event polls
     // no descriptor while a deferred source is pending, so the replies would
@@ -82,7 +82,7 @@ void KALSpokesman::dispatchBacklog() {
         queue_->wake();
 }
 
-void KALSpokesman::dispatch(const Notification& n) {
+void KALSpokesman::dispatch(Notification n) {
     const auto& subscribers = registry_.subscribers(n.name);
     if (subscribers.empty()) {
         kallog(KAL_DEBUG,
@@ -94,10 +94,11 @@ void KALSpokesman::dispatch(const Notification& n) {
     }
     // A copy: a client dropped during the walk leaves the list.
     const std::vector<Proxy> walk = subscribers;
-    // One copy for every subscriber's outbox.
-    const auto parcel = std::make_shared<const Parcel>(n);
+    // One copy for every subscriber's outbox, the one taken from the queue.
+    const auto parcel = std::make_shared<const Parcel>(std::move(n));
+    const std::string& name = parcel->n.name;
     for (const Proxy& proxy : walk) {
-        if (!registry_.isSubscribed(proxy, n.name))
+        if (!registry_.isSubscribed(proxy, name))
             continue;
         if (registry_.isCancelled(proxy.sender))
             callFailed(proxy, CallKind::Delivery, cancelled_connection());

@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <cstring>
 #include <ctime>
 #include <functional>
 #include <string>
@@ -98,6 +99,28 @@ TEST_F(KallogTest, DefaultThresholdKeepsDebugAndDropsDevel) {
     kallog(KAL_DEVEL, "devel %d", 2);
     EXPECT_THAT(log_text(), HasSubstr("] DEBUG: debug 1\n"));
     EXPECT_THAT(log_text(), Not(HasSubstr("devel 2")));
+}
+
+// Lines share the time text of their second, and a line of another second,
+// later or earlier, gets its own.
+TEST_F(KallogTest, EveryLineIsStampedWithItsOwnSecond) {
+    kallogregister("KALDeviceMaster");
+    const auto prefix = [](time_t t) {
+        char text[64];
+        ctime_r(&t, text);
+        text[strcspn(text, "\n")] = '\0';
+        return std::string(text) + " KALDeviceMaster[" + std::to_string(getpid()) + "] DEBUG: ";
+    };
+    const time_t t0 = clock_.now();
+    kallog(KAL_DEBUG, "first");
+    kallog(KAL_DEBUG, "second");
+    clock_.advance(1);
+    kallog(KAL_DEBUG, "third");
+    clock_.set(t0 - 60);
+    kallog(KAL_DEBUG, "fourth");
+    const std::string text = log_text();
+    EXPECT_THAT(text, HasSubstr(prefix(t0) + "first\n" + prefix(t0) + "second\n" + prefix(t0 + 1) +
+                                "third\n" + prefix(t0 - 60) + "fourth\n"));
 }
 
 TEST_F(KallogTest, ForcedevelMarkerOverridesEveryLevelChange) {

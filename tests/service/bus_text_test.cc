@@ -53,6 +53,11 @@ TEST(BusText, EveryResultIsAcceptedBySdBusAndValidityAgreesWithIt) {
         "\xf0\x9f\x98\x80",      // U+1F600, fine
         "\xe2\x82\xac",          // U+20AC, fine
         "\xf8\x88\x80\x80\x80",  // five-byte form
+        "Jane \xc9",             // plain text, then a Latin-1 byte
+        "caf\xc3",               // plain text, then a sequence cut short
+        "ok \xed\xa0\x80 ok",    // a surrogate between plain words
+        "Ren\xc3\xa9"
+        "e Dupont",  // plain text around a valid sequence
     };
     for (const std::string& bytes : cases) {
         SCOPED_TRACE(bytes);
