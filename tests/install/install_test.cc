@@ -2,10 +2,15 @@
 // the test's KAL_ROOT, the way a package is made. The installed daemon finds
 // its line monitors and beep under usr/lib/kaldevicemaster and keeps its state
 // under var/lib/kaldevicemaster; the installed completion offers kalctl's
-// commands, options and the serials of the lines present.
+// commands, options and the serials of the lines present. The installed
+// kal-answer starts with the installed /etc/kal-answer.conf and answers with
+// the installed prompts.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+
+#include <signal.h>
+#include <sys/wait.h>
 
 #include <algorithm>
 #include <cstdio>
@@ -21,6 +26,7 @@
 using namespace kal;
 using namespace kal::test;
 using ::testing::HasSubstr;
+using ::testing::Not;
 using ::testing::StartsWith;
 using ::testing::UnorderedElementsAre;
 using ::testing::UnorderedElementsAreArray;
@@ -107,12 +113,28 @@ TEST_F(InstalledDaemonTest, EachFileLandsWhereTheInstalledProgramsLook) {
     EXPECT_THAT(unit, HasSubstr("\nExecStart=/usr/sbin/kaldevicemaster\n"));
     EXPECT_THAT(unit, HasSubstr("\nStateDirectory=kaldevicemaster\n"));
     EXPECT_EQ(access(installed("/usr/lib/kaldevicemaster/V253LineMonitor").c_str(), X_OK), 0);
+    // kal-answer: its unit names the installed program, and the folder its
+    // --help gives as the prompts' default holds them.
+    for (const char* path :
+         {"/usr/sbin/kal-answer", "/etc/kal-answer.conf", "/usr/lib/sysusers.d/kal-answer.conf",
+          "/usr/share/dbus-1/system.d/com.orvane.answer.conf",
+          "/usr/share/dbus-1/interfaces/com.orvane.KALAnswer.xml"})
+        EXPECT_TRUE(file_exists(installed(path))) << path;
+    EXPECT_THAT(read_file(installed("/usr/lib/systemd/system/kal-answer.service")),
+                HasSubstr("\nExecStart=/usr/sbin/kal-answer\n"));
+    EXPECT_THAT(::output_of("'" + installed("/usr/sbin/kal-answer") + "' --help"),
+                HasSubstr(KAL_TEST_ANSWER_SOUNDS_DIR ")"));
+    for (const char* prompt : {"/greeting.raw", "/enter-pin.raw", "/word-9.raw"})
+        EXPECT_TRUE(file_exists(installed(KAL_TEST_ANSWER_SOUNDS_DIR) + prompt)) << prompt;
     // The man pages, when this build made them, name the same paths.
     const std::string man8 = installed("/usr/share/man/man8/kaldevicemaster.8");
     if (file_exists(man8)) {
         EXPECT_THAT(read_file(man8), HasSubstr("/var/lib/kaldevicemaster/qlxconfig"));
         EXPECT_TRUE(file_exists(installed("/usr/share/man/man1/kalctl.1")));
-        EXPECT_TRUE(file_exists(installed("/usr/share/man/man1/kal-linesim.1")));
+        for (const char* page :
+             {"/usr/share/man/man1/kal-linesim.1", "/usr/share/man/man1/kal-modemsim.1",
+              "/usr/share/man/man8/kal-answer.8", "/usr/share/man/man5/kal-answer.conf.5"})
+            EXPECT_TRUE(file_exists(installed(page))) << page;
     }
 }
 
@@ -158,6 +180,33 @@ TEST_F(InstalledDaemonTest, FindsItsLineMonitorsAndBeepAndKeepsStateUnderVarLib)
     EXPECT_THAT(complete({"hangup", ""}), UnorderedElementsAre(kSerial));
     EXPECT_THAT(complete({"dial", ""}), UnorderedElementsAre(kSerial, "any"));
     EXPECT_THAT(complete({"dial", "KL", ""}), UnorderedElementsAre()) << "digits are not serials";
+}
+
+// The configuration the package installs works as it is: the installed
+// kal-answer reads it, registers with the daemon and answers after its four
+// rings with the spoken greeting from the installed prompts.
+TEST_F(InstalledDaemonTest, InstalledAnswerWorksWithTheInstalledConfiguration) {
+    constexpr const char kSerial[] = "KL5502";
+    ports_.add_adapter(1, kSerial);
+    start_daemon("Vending Listener", {"KAL_LINESIM_SPEED=100"});
+    LineSimControl line(kSerial);
+    ASSERT_TRUE(line.connected()) << log();
+
+    const std::string sounds = installed(KAL_TEST_ANSWER_SOUNDS_DIR);
+    const std::string answer_log = root_.path() + "/answer.txt";
+    ChildProcess answer({installed("/usr/sbin/kal-answer"), "--sounds", sounds}, {}, answer_log);
+    ASSERT_TRUE(wait_for([&] {
+        return read_file(answer_log).find("registered with kaldevicemaster") != std::string::npos;
+    })) << read_file(answer_log);
+    EXPECT_THAT(read_file(answer_log), Not(HasSubstr("does not exist")));
+
+    for (int ring = 0; ring < 4; ++ring)
+        line.send("ring");
+    EXPECT_THAT(line.send("wait-command P 20"), HasSubstr(" path=" + sounds + "/greeting.raw"))
+        << read_file(answer_log);
+    answer.signal(SIGTERM);
+    const int status = answer.wait_exit();
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
 }
 
 TEST_F(InstalledDaemonTest, CompletionOffersKalctlsCommandsAndOptions) {
