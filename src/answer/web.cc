@@ -1,6 +1,8 @@
 #include "answer/web.h"
 
 #include <fcntl.h>
+#include <pthread.h>
+#include <signal.h>
 #include <sys/random.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -175,7 +177,14 @@ void WebServer::start() {
         throw std::runtime_error("cannot listen on 127.0.0.1 port " +
                                  std::to_string(options_.port) + ": " + std::strerror(errno));
     port_ = port;
+    // The server's threads (this one and the pool it starts) take no
+    // signals: the main loop waits for SIGTERM, SIGINT and SIGHUP, and a
+    // thread that did not block them would die of them instead.
+    sigset_t all, old;
+    sigfillset(&all);
+    pthread_sigmask(SIG_BLOCK, &all, &old);
     thread_ = std::thread([this] { server_->listen_after_bind(); });
+    pthread_sigmask(SIG_SETMASK, &old, nullptr);
 }
 
 void WebServer::stop() {
