@@ -35,6 +35,15 @@ class WebTest : public AnswerTest {
         EXPECT_THAT(line.send("wait-command R 20"), StartsWith("ok R ")) << answer_log();
         EXPECT_THAT(line.send("wait-command H 20"), StartsWith("ok H")) << answer_log();
     }
+    // kal-answer running, a message in mailbox 1 from a known number and one
+    // in mailbox 2 from a withheld one, oldest first.
+    std::vector<MessageInfo> two_messages(LineSimControl& line) {
+        configure();
+        start_answer();
+        leave(line, "5551234 JANE DOE", "");
+        leave(line, "", "2");
+        return messages_when(2);
+    }
     // The address kalctl web prints: its port and token.
     void read_address() {
         const Outcome web = kalctl({"web"});
@@ -63,12 +72,8 @@ int status(const httplib::Result& r) {
 }
 
 TEST_F(WebTest, TheApiNeedsTheTokenServesRangesAndKeepsMailboxesApart) {
-    configure();
-    start_answer();
     LineSimControl line("KL1001");
-    leave(line, "5551234 JANE DOE", "");
-    leave(line, "", "2");
-    const auto list = messages_when(2);
+    const auto list = two_messages(line);
     ASSERT_EQ(list.size(), 2u);
     const MessageInfo& one = list[0].mailbox == 1 ? list[0] : list[1];
     const MessageInfo& two = list[0].mailbox == 2 ? list[0] : list[1];
@@ -314,12 +319,8 @@ TEST_F(WebTest, InChromiumThePageListsPlaysAndDeletesMessagesAndShowsNewOnes) {
     if (::access("/usr/bin/chromium", X_OK) != 0 || ::access("/usr/bin/chromedriver", X_OK) != 0)
         GTEST_SKIP() << "chromium and chromium-driver are not installed: "
                         "bash tools/install-deps.sh browser";
-    configure();
-    start_answer();
     LineSimControl line("KL1001");
-    leave(line, "5551234 JANE DOE", "");
-    leave(line, "", "2");
-    const auto list = messages_when(2);
+    const auto list = two_messages(line);
     ASSERT_EQ(list.size(), 2u);
     read_address();
 
