@@ -1,7 +1,8 @@
 # The answering machine part of the demo, sourced by demo-session.sh (which
 # defines sim, step, told, hang_up and the variables used here): kal-answer
 # with a sample configuration and a WAV greeting, two callers leaving
-# messages, the owner checking remotely with the PIN, then kalctl messages.
+# messages, the owner checking remotely with the PIN, then kalctl messages
+# and the messages page's address (kalctl web).
 
 answer_log=$KAL_ROOT/kal-answer.log
 wait_answer_log() {
@@ -65,7 +66,7 @@ CONF
     local sounds=$KAL_ROOT/usr/share/kal-answer/sounds
     mkdir -p "$sounds"
     cp "$KAL_DEMO_BIN"/../answer-sounds/*.raw "$sounds/"
-    KAL_ANSWER_SOUNDS=$sounds "$bin/kal-answer" 2>"$answer_log" &
+    KAL_ANSWER_SOUNDS=$sounds KAL_ANSWER_WEB=$PWD/data/web "$bin/kal-answer" 2>"$answer_log" &
     answer=$!
     wait_answer_log "registered with kaldevicemaster"
     show_answer
@@ -141,6 +142,29 @@ answer_messages() {
     echo
     "$bin/kalctl" messages play "$first" "$KAL_ROOT/message-$first.wav" | sed "s|$KAL_ROOT|\$KAL_ROOT|g"
     echo "-- the exported file: $(soxi_like "$KAL_ROOT/message-$first.wav")"
+}
+
+# The messages page: its address, and what its API answers with the token
+# and without it.
+answer_web() {
+    step "kalctl web: the messages page (127.0.0.1 only, the address carries the token)"
+    local url
+    url=$("$bin/kalctl" web)
+    echo "$url"
+    python3 - "$url" <<'PY'
+import json, sys, urllib.error, urllib.parse, urllib.request
+url = urllib.parse.urlsplit(sys.argv[1])
+token = urllib.parse.parse_qs(url.query)["token"][0]
+api = f"{url.scheme}://{url.netloc}/api/messages"
+with urllib.request.urlopen(urllib.request.Request(api, headers={"X-Kal-Token": token})) as r:
+    for m in json.load(r):
+        print(f"-- GET /api/messages: #{m['id']} mailbox {m['mailbox']} "
+              f"{m['number'] or 'withheld'} {m['durationMs'] / 1000:.1f} s {m['state']}")
+try:
+    urllib.request.urlopen(api)
+except urllib.error.HTTPError as e:
+    print(f"-- without the token: {e.code} {e.reason}")
+PY
 }
 
 answer_stop() {

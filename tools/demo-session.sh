@@ -109,6 +109,7 @@ answer_start
 answer_callers
 answer_owner_checks
 answer_messages
+answer_web
 answer_stop
 
 step "the same call on the voice modem: ring, caller ID, greeting, 1 for the mailbox, a message"

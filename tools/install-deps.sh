@@ -1,7 +1,9 @@
 #!/usr/bin/env bash
 # Installs the Debian 12 packages the project builds, tests and demos with;
 # `install-deps.sh package` also what building the Debian packages takes
-# (tools/package.sh). Idempotent: does nothing when everything is already
+# (tools/package.sh), and `install-deps.sh browser` also the headless Chromium
+# and its driver that the messages page's browser test uses (large, so only
+# the test command asks for them). Idempotent: does nothing when everything is already
 # there.
 set -euo pipefail
 
@@ -11,12 +13,15 @@ packages=(
     g++ cmake ninja-build pkg-config clang-format scdoc
     libsystemd-dev libudev-dev libplist-dev
     libgtest-dev libgmock-dev libbenchmark-dev
-    libsqlite3-dev libsndfile1-dev libsamplerate0-dev libinih-dev espeak-ng
+    libsqlite3-dev libsndfile1-dev libsamplerate0-dev libinih-dev espeak-ng libcpp-httplib-dev
     dbus-daemon umockdev libumockdev-dev python3-dbusmock
     clang libclang-rt-14-dev
 )
 if [ "${1:-}" = package ]; then
     packages+=(build-essential dpkg-dev debhelper lintian)
+fi
+if [ "${1:-}" = browser ]; then
+    packages+=(chromium chromium-driver)
 fi
 
 missing=()

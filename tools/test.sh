@@ -6,7 +6,7 @@
 set -uo pipefail
 cd "$(dirname "$0")/.."
 
-bash tools/install-deps.sh || exit 1
+bash tools/install-deps.sh browser || exit 1
 
 status=0
 if ! git ls-files -co --exclude-standard -- 'src/*.cc' 'src/*.h' 'tests/*.cc' 'tests/*.h' 'bench/*.cc' \

@@ -143,4 +143,13 @@ uint32_t AnswerClient::messagesWaiting() {
     return waiting;
 }
 
+std::string AnswerClient::webAddress() {
+    MessagePtr reply = call("WebAddress", "");
+    const char* url = nullptr;
+    const int r = sd_bus_message_read_basic(reply.get(), 's', &url);
+    if (r < 0)
+        throw AnswerError("", std::string("WebAddress: bad reply: ") + std::strerror(-r));
+    return url;
+}
+
 }  // namespace kal::answer

@@ -61,6 +61,8 @@ class AnswerClient {
     void markHeard(int64_t id);
     std::vector<CallInfo> listCalls(int32_t limit = 100);
     uint32_t messagesWaiting();
+    // The messages page's URL, token included.
+    std::string webAddress();
 
   private:
     MessagePtr call(const char* member, const char* types, ...);

@@ -82,6 +82,8 @@ void BusService::attach(sd_bus* bus) {
         SD_BUS_METHOD_WITH_NAMES("ListCalls", "i", SD_BUS_PARAM(limit), "a" KAL_CALL_STRUCT,
                                  SD_BUS_PARAM(calls), &BusService::onListCalls,
                                  SD_BUS_VTABLE_UNPRIVILEGED),
+        SD_BUS_METHOD_WITH_NAMES("WebAddress", "", , "s", SD_BUS_PARAM(url),
+                                 &BusService::onWebAddress, SD_BUS_VTABLE_UNPRIVILEGED),
         SD_BUS_PROPERTY("MessagesWaiting", "u", &BusService::onGetWaiting, 0,
                         SD_BUS_VTABLE_PROPERTY_EMITS_CHANGE),
         SD_BUS_SIGNAL_WITH_NAMES("NewMessage", "xisssxxu",
@@ -182,6 +184,14 @@ int BusService::onMarkHeard(sd_bus_message* m, void* userdata, sd_bus_error* err
         self(userdata)->waitingChanged();
         return sd_bus_reply_method_return(m, "");
     });
+}
+
+int BusService::onWebAddress(sd_bus_message* m, void* userdata, sd_bus_error* error) {
+    const std::string& url = self(userdata)->webAddress_;
+    if (url.empty())
+        return sd_bus_error_set(error, kAnswerErrorFailed,
+                                "The messages page is off (kal-answer runs with --web-port off).");
+    return sd_bus_reply_method_return(m, "s", url.c_str());
 }
 
 int BusService::onListCalls(sd_bus_message* m, void* userdata, sd_bus_error* error) {

@@ -37,12 +37,16 @@ class BusService {
     void announce(const Message& m, int waiting);
     // Tells watchers that MessagesWaiting changed.
     void waitingChanged();
+    // What WebAddress answers: the messages page's URL with its token, ""
+    // when the page is off.
+    void setWebAddress(std::string url) { webAddress_ = std::move(url); }
 
   private:
     static int onListMessages(sd_bus_message* m, void* userdata, sd_bus_error* error);
     static int onOpenMessage(sd_bus_message* m, void* userdata, sd_bus_error* error);
     static int onDeleteMessage(sd_bus_message* m, void* userdata, sd_bus_error* error);
     static int onMarkHeard(sd_bus_message* m, void* userdata, sd_bus_error* error);
+    static int onWebAddress(sd_bus_message* m, void* userdata, sd_bus_error* error);
     static int onListCalls(sd_bus_message* m, void* userdata, sd_bus_error* error);
     static int onGetWaiting(sd_bus* bus, const char* path, const char* interface,
                             const char* property, sd_bus_message* reply, void* userdata,
@@ -51,6 +55,7 @@ class BusService {
     MessageStore& store_;
     sd_bus* bus_ = nullptr;
     SlotPtr slot_;
+    std::string webAddress_;
 };
 
 }  // namespace kal::answer

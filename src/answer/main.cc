@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <iostream>
+#include <memory>
 #include <optional>
 #include <string>
 #include <thread>
@@ -17,6 +18,7 @@
 #include "answer/bus_service.h"
 #include "answer/config.h"
 #include "answer/store.h"
+#include "answer/web.h"
 #include "base/paths.h"
 #include "client/client.h"
 #include "service/sd_bus_handles.h"
@@ -29,14 +31,18 @@ using namespace std::chrono_literals;
 namespace {
 
 constexpr const char kUsage[] =
-    "usage: kal-answer [--config FILE] [--state DIR] [--sounds DIR]\n"
+    "usage: kal-answer [--config FILE] [--state DIR] [--sounds DIR] [--web-port PORT|off]\n"
     "Answers the lines of kaldevicemaster: greetings, mailboxes, a message store,\n"
     "remote check with a PIN. SIGHUP reads the configuration again.\n"
     "  --config FILE  the configuration (default $KAL_ROOT/etc/kal-answer.conf)\n"
     "  --state DIR    the message store (default $STATE_DIRECTORY, else\n"
     "                 $KAL_ROOT/var/lib/kal-answer)\n"
     "  --sounds DIR   the prompts the build spoke (default $KAL_ANSWER_SOUNDS, else\n"
-    "                 " KAL_ANSWER_SOUNDS_DIR ")\n";
+    "                 " KAL_ANSWER_SOUNDS_DIR
+    ")\n"
+    "  --web-port P   the messages page's port on 127.0.0.1 (default 0: any free\n"
+    "                 port; kalctl web prints the address), off: no page. Its files\n"
+    "                 come from $KAL_ANSWER_WEB, else " KAL_ANSWER_WEB_DIR "\n";
 
 void note(const std::string& text) {
     std::cerr << "kal-answer: " << text << std::endl;
@@ -46,6 +52,8 @@ struct Options {
     std::string config = default_config_path();
     std::string state;
     std::string sounds;
+    std::string web;
+    int webPort = 0;  // -1: off
 };
 
 std::optional<Options> parse(int argc, char** argv) {
@@ -54,6 +62,8 @@ std::optional<Options> parse(int argc, char** argv) {
     o.state = env_state && *env_state ? env_state : kal_root() + "/var/lib/kal-answer";
     const char* env_sounds = std::getenv("KAL_ANSWER_SOUNDS");
     o.sounds = env_sounds && *env_sounds ? env_sounds : KAL_ANSWER_SOUNDS_DIR;
+    const char* env_web = std::getenv("KAL_ANSWER_WEB");
+    o.web = env_web && *env_web ? env_web : KAL_ANSWER_WEB_DIR;
     for (int i = 1; i < argc; ++i) {
         const std::string a = argv[i];
         if (a == "--help" || a == "-h") {
@@ -62,6 +72,21 @@ std::optional<Options> parse(int argc, char** argv) {
         }
         if ((a == "--config" || a == "--state" || a == "--sounds") && i + 1 < argc) {
             (a == "--config" ? o.config : a == "--state" ? o.state : o.sounds) = argv[++i];
+            continue;
+        }
+        if (a == "--web-port" && i + 1 < argc) {
+            const std::string v = argv[++i];
+            char* end = nullptr;
+            const long port = std::strtol(v.c_str(), &end, 10);
+            if (v == "off") {
+                o.webPort = -1;
+            } else if (!v.empty() && *end == 0 && port >= 0 && port <= 65535) {
+                o.webPort = static_cast<int>(port);
+            } else {
+                std::cerr << "kal-answer: --web-port takes a port number or off, not '" << v
+                          << "'\n";
+                return std::nullopt;
+            }
             continue;
         }
         std::cerr << "kal-answer: unknown argument '" << a << "'\n" << kUsage;
@@ -106,8 +131,21 @@ int main(int argc, char** argv) {
         Answerer answerer(std::move(config), store,
                           Places{kal_root() + "/var/tmp/kal-answer", options->sounds});
         BusService service(store);
+        // Opened after `store`, whose opening repaired the store: the page's
+        // connection finds it consistent.
+        std::unique_ptr<WebServer> web;
+        if (options->webPort >= 0) {
+            web = std::make_unique<WebServer>(WebOptions{
+                .stateDir = store.dir(), .assetsDir = options->web, .port = options->webPort});
+            web->start();
+            service.setWebAddress(web->url());
+            note("messages page on http://127.0.0.1:" + std::to_string(web->port()) +
+                 "/ (kalctl web prints it with its token)");
+        }
         answerer.onNewMessage([&](const Message& m, int waiting, bool quiet) {
             service.announce(m, waiting);
+            if (web)
+                web->messageArrived(m);
             const std::string& command = answerer.config().line(m.line).announceCommand;
             if (!command.empty() && !quiet)
                 run_announcement(command, announcement_environment(m, store.path_of(m), waiting));

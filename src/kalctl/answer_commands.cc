@@ -147,11 +147,20 @@ std::vector<CommandSpec> answer_command_specs() {
          "the answering machine's call log (kal-answer), newest first",
          "Every call kal-answer saw, answered or not, with what became of it.",
          {{"--limit", "N", "show at most N calls (default 20)"}}},
+        {"web",
+         "",
+         0,
+         0,
+         "print the address of the answering machine's messages page (kal-answer)",
+         "The page lists, plays and deletes messages and takes new greetings. It is\n"
+         "served on 127.0.0.1 only; the address carries the install's token, so keep\n"
+         "it to yourself. Asked of kal-answer on the system bus.",
+         {}},
     };
 }
 
 bool is_answer_command(const std::string& command) {
-    return command == "messages" || command == "calls";
+    return command == "messages" || command == "calls" || command == "web";
 }
 
 int run_answer_command(const Invocation& inv, std::ostream& out, std::ostream& err) {
@@ -160,6 +169,10 @@ int run_answer_command(const Invocation& inv, std::ostream& out, std::ostream& e
         AnswerClient client;
         if (inv.command == "calls")
             return calls(client, inv, out);
+        if (inv.command == "web") {
+            out << client.webAddress() << std::endl;
+            return kExitOk;
+        }
         const std::string action = inv.args.empty() ? "list" : inv.args[0];
         if (action == "list")
             return list(client, inv, out);

@@ -1,8 +1,8 @@
 #pragma once
 
-// kalctl messages and kalctl calls: the answering machine's messages and
-// call log, through kal-answer's D-Bus interface (never its database), so
-// that they work for anyone the bus policy lets in.
+// kalctl messages, calls and web: the answering machine's messages, its
+// call log and the address of its messages page, through kal-answer's D-Bus interface (never its
+// database), so that they work for anyone the bus policy lets in.
 
 #include <iosfwd>
 #include <vector>
