@@ -7,6 +7,7 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 
+#include <cstdio>
 #include <filesystem>
 
 #include "answer_fixture.h"
@@ -240,34 +241,67 @@ std::string base64_decode(const std::string& in) {
     return out;
 }
 
+// The last `lines` lines of a file, for a failure's message.
+std::string tail_of(const std::string& path, size_t lines = 40) {
+    const std::string text = read_file(path);
+    size_t at = text.size();
+    for (size_t n = 0; n <= lines && at > 0; ++n)
+        at = text.rfind('\n', at - 1);
+    return text.substr(at == std::string::npos ? 0 : at + 1);
+}
+
+// Where the browser test is, on standard error (unbuffered): when ctest ends
+// a test at its timeout this is what says which step hung.
+void step(const std::string& what) {
+    std::fprintf(stderr, "[web] %s\n", what.c_str());
+}
+
 // A headless Chromium behind chromedriver, spoken to in WebDriver's JSON.
+// The browser runs outside the test's fakes: umockdev's preload library
+// (which the test binary runs under) would hand Chromium the fake testbed for
+// /dev and /sys, and the private system bus is none of its business. The
+// flags keep a first start on a machine without a network from reaching out
+// (sync, component updates, background requests) and waiting on it.
 class Browser {
   public:
     explicit Browser(const std::string& scratch)
         : port_(free_port()),
-          driver_({"/usr/bin/chromedriver", "--port=" + std::to_string(port_)}, {},
+          log_(scratch + "/chromedriver.log"),
+          driver_({"/usr/bin/chromedriver", "--port=" + std::to_string(port_), "--verbose",
+                   "--log-path=" + log_},
+                  {"LD_PRELOAD", "UMOCKDEV_DIR", "DBUS_SESSION_BUS_ADDRESS",
+                   "DBUS_SYSTEM_BUS_ADDRESS=unix:path=" + scratch + "/no-such-bus"},
                   scratch + "/chromedriver.txt"),
           http_("127.0.0.1", port_) {
-        http_.set_read_timeout(std::chrono::seconds(60));
-        EXPECT_TRUE(wait_for([&] { return status(http_.Get("/status")) == 200; }));
+        http_.set_read_timeout(std::chrono::seconds(30));
+        step("waiting for chromedriver");
+        EXPECT_TRUE(wait_for([&] { return status(http_.Get("/status")) == 200; })) << log();
         const std::string caps =
             R"({"capabilities":{"alwaysMatch":{"browserName":"chrome","goog:chromeOptions":{)"
             R"("binary":"/usr/bin/chromium","args":["--headless=new","--no-sandbox",)"
             R"("--disable-gpu","--disable-audio-output","--disable-dev-shm-usage","--window-size=412,915",)"
+            R"("--no-first-run","--no-default-browser-check","--disable-background-networking",)"
+            R"("--disable-component-update","--disable-sync","--disable-quic",)"
+            R"("--disable-default-apps","--disable-extensions",)"
             R"("--autoplay-policy=no-user-gesture-required","--user-data-dir=)" +
             scratch + R"(/chromium"]}}}})";
+        step("starting chromium");
         auto r = http_.Post("/session", caps, "application/json");
         std::smatch m;
         if (r && std::regex_search(r->body, m, std::regex(R"("sessionId"\s*:\s*"([^"]+)\")")))
             session_ = "/session/" + m[1].str();
-        EXPECT_FALSE(session_.empty()) << (r ? r->body : "chromedriver did not answer");
+        EXPECT_FALSE(session_.empty()) << (r ? r->body : "chromedriver did not answer") << log();
     }
     ~Browser() {
+        if (::testing::Test::HasFailure())
+            std::fprintf(stderr, "%s\n", log().c_str());
         if (!session_.empty())
             http_.Delete(session_.c_str());
         driver_.signal(SIGTERM);
         driver_.wait_exit();
     }
+    // The end of chromedriver's log, which names Chromium's own complaints.
+    std::string log() const { return "\n--- chromedriver's log, last lines ---\n" + tail_of(log_); }
     bool ready() const { return !session_.empty(); }
 
     void go(const std::string& url) { command("/url", "{\"url\":" + json_text(url) + "}"); }
@@ -276,7 +310,7 @@ class Browser {
         return command("/execute/sync", "{\"script\":" + json_text(script) + ",\"args\":[]}");
     }
     // Waits until `script` returns true.
-    bool until(const std::string& script, std::chrono::milliseconds deadline = 40s) {
+    bool until(const std::string& script, std::chrono::milliseconds deadline = 20s) {
         return wait_for([&] { return run(script).find("\"value\":true") != std::string::npos; },
                         deadline);
     }
@@ -310,6 +344,7 @@ class Browser {
     }
 
     int port_;
+    std::string log_;
     ChildProcess driver_;
     httplib::Client http_;
     std::string session_;
@@ -320,6 +355,7 @@ TEST_F(WebTest, InChromiumThePageListsPlaysAndDeletesMessagesAndShowsNewOnes) {
         GTEST_SKIP() << "chromium and chromium-driver are not installed: "
                         "bash tools/install-deps.sh browser";
     LineSimControl line("KL1001");
+    step("leaving two messages");
     const auto list = two_messages(line);
     ASSERT_EQ(list.size(), 2u);
     read_address();
@@ -327,9 +363,11 @@ TEST_F(WebTest, InChromiumThePageListsPlaysAndDeletesMessagesAndShowsNewOnes) {
     Browser browser(root_.path());
     ASSERT_TRUE(browser.ready());
     // Without the token the browser gets nothing but the 401.
+    step("loading the page without the token");
     browser.go("http://127.0.0.1:" + std::to_string(port_) + "/");
     EXPECT_THAT(browser.run("return document.body.innerText;"), HasSubstr("needs the token"));
 
+    step("loading the page");
     browser.go(url_);
     ASSERT_TRUE(
         browser.until("return document.body.dataset.loaded === 'yes' && "
@@ -339,6 +377,7 @@ TEST_F(WebTest, InChromiumThePageListsPlaysAndDeletesMessagesAndShowsNewOnes) {
     EXPECT_TRUE(browser.until("return document.getElementById('status').textContent === 'live';"));
 
     // Played to its end; playing marks it heard.
+    step("playing a message");
     const std::string first = std::to_string(list[0].id);
     browser.click("#message-" + first + " .play");
     EXPECT_TRUE(browser.until("return document.body.dataset.ended === '" + first + "';"))
@@ -349,11 +388,13 @@ TEST_F(WebTest, InChromiumThePageListsPlaysAndDeletesMessagesAndShowsNewOnes) {
     EXPECT_TRUE(wait_for([&] { return client.listMessages()[0].state == "heard"; }));
 
     // A new message reaches the open page by itself.
+    step("leaving a third message");
     leave(line, "5559876", "");
     EXPECT_TRUE(browser.until("return document.querySelectorAll('.message').length === 3;"));
     browser.screenshot(KAL_TEST_ARTIFACTS_DIR "/web-page.png");
 
     // Deleted on the page: gone from the page and from the store.
+    step("deleting a message");
     const std::string second = std::to_string(list[1].id);
     browser.click("#message-" + second + " .delete");
     EXPECT_TRUE(browser.until("return !document.getElementById('message-" + second + "');"));

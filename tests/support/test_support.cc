@@ -7,6 +7,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -18,6 +19,16 @@
 #include "base/paths.h"
 
 namespace kal::test {
+
+namespace {
+// ctest reads a test's output through a pipe, where stdout is fully
+// buffered: a test it kills at its timeout would take every line it had
+// printed with it, failures included. Line buffering keeps them.
+[[maybe_unused]] const bool stdout_line_buffered = [] {
+    std::setvbuf(stdout, nullptr, _IOLBF, BUFSIZ);
+    return true;
+}();
+}  // namespace
 
 TempRoot::TempRoot() {
     // Inside the build tree, so an aborted run leaves nothing in /tmp.
@@ -93,8 +104,12 @@ ChildProcess::ChildProcess(const std::vector<std::string>& argv,
     if (pid_ < 0)
         throw std::runtime_error("fork failed");
     if (pid_ == 0) {
-        for (const auto& kv : env)
-            putenv(const_cast<char*>(kv.c_str()));
+        for (const auto& kv : env) {
+            if (kv.find('=') == std::string::npos)
+                unsetenv(kv.c_str());
+            else
+                putenv(const_cast<char*>(kv.c_str()));
+        }
         if (!stderr_file.empty()) {
             int fd = ::open(stderr_file.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
             if (fd >= 0)

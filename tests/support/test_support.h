@@ -62,7 +62,8 @@ int ending_signal(pid_t child, std::chrono::milliseconds deadline = 20s);
 // A program built with the project (daemon, simulator, kalctl).
 std::string bin_path(const std::string& name);
 
-// A child process started with the current environment plus `env`.
+// A child process started with the current environment plus `env`
+// ("NAME=value" sets NAME, a bare "NAME" removes it).
 class ChildProcess {
   public:
     ChildProcess(const std::vector<std::string>& argv, const std::vector<std::string>& env = {},
