@@ -217,6 +217,10 @@ int main(int argc, char** argv) {
                             note(std::string(e.what()) + " -- keeping the configuration we had");
                         }
                     }
+                    // The loop comes round at least once a second, so a
+                    // change made on the page is announced within one.
+                    if (web && web->takeStoreChanged())
+                        service.waitingChanged();
                     answerer.tick(std::chrono::steady_clock::now());
                     reap_announcements();
                 }

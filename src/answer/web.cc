@@ -245,6 +245,7 @@ void WebServer::messageAction(const httplib::Request& req, httplib::Response& re
         state == MessageState::Deleted ? store_.remove(id) : store_.set_state(id, state);
     if (!done)
         return fail(res, 404, "no such message in this mailbox");
+    storeChanged_ = true;
     res.status = 204;
 }
 

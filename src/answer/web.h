@@ -29,6 +29,7 @@
 // thread tells the server of new messages with messageArrived(), which only
 // takes `eventsLock_` and wakes the event streams.
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
@@ -86,6 +87,11 @@ class WebServer {
     // Called on any thread (the main loop): a new message was stored; open
     // pages hear of it through /api/events.
     void messageArrived(const Message& m);
+    // Called on the main thread: whether a page marked, saved or deleted a
+    // message since the last call, so the main thread can tell D-Bus
+    // watchers that MessagesWaiting changed (the page's threads never touch
+    // sd-bus themselves).
+    bool takeStoreChanged() { return storeChanged_.exchange(false); }
 
   private:
     void routes();
@@ -104,6 +110,7 @@ class WebServer {
 
     std::mutex storeLock_;  // guards store_
     MessageStore store_;
+    std::atomic<bool> storeChanged_{false};
 
     std::mutex eventsLock_;  // guards events_, lastEvent_, stopping_
     std::condition_variable eventsChanged_;

@@ -10,7 +10,9 @@
 #include <cstdio>
 #include <filesystem>
 
+#include "answer/bus_service.h"
 #include "answer_fixture.h"
+#include "service/sd_bus_handles.h"
 
 using namespace kal;
 using namespace kal::answer;
@@ -71,6 +73,46 @@ class WebTest : public AnswerTest {
 int status(const httplib::Result& r) {
     return r ? r->status : -1;
 }
+
+// Watches kal-answer's MessagesWaiting for its change signal on the bus.
+class WaitingWatcher {
+  public:
+    WaitingWatcher() {
+        sd_bus* raw = nullptr;
+        if (sd_bus_open_system(&raw) < 0)
+            throw std::runtime_error("no system bus");
+        bus_.reset(raw);
+        const std::string rule = std::string(
+                                     "type='signal',interface='org.freedesktop.DBus."
+                                     "Properties',member='PropertiesChanged',path='") +
+                                 kAnswerObjectPath + "'";
+        sd_bus_slot* slot = nullptr;
+        sd_bus_add_match(
+            bus_.get(), &slot, rule.c_str(),
+            [](sd_bus_message*, void* count, sd_bus_error*) {
+                ++*static_cast<int*>(count);
+                return 0;
+            },
+            &changes_);
+        match_.reset(slot);
+    }
+    // Whether a change signal came within `deadline` of the last call.
+    bool changed(std::chrono::milliseconds deadline = 5s) {
+        const auto end = std::chrono::steady_clock::now() + deadline;
+        while (changes_ == 0 && std::chrono::steady_clock::now() < end) {
+            if (sd_bus_process(bus_.get(), nullptr) == 0)
+                sd_bus_wait(bus_.get(), 100'000);
+        }
+        const bool any = changes_ > 0;
+        changes_ = 0;
+        return any;
+    }
+
+  private:
+    BusPtr bus_;
+    SlotPtr match_;
+    int changes_ = 0;
+};
 
 TEST_F(WebTest, TheApiNeedsTheTokenServesRangesAndKeepsMailboxesApart) {
     LineSimControl line("KL1001");
@@ -147,7 +189,10 @@ TEST_F(WebTest, TheApiNeedsTheTokenServesRangesAndKeepsMailboxesApart) {
 
     // Heard, saved, deleted: the store (read over D-Bus) agrees.
     const std::string own2 = "/api/mailboxes/2/messages/" + std::to_string(two.id);
+    WaitingWatcher watcher;
     EXPECT_EQ(status(c.Post(heard1.c_str(), with_token(), "", "")), 204);
+    // A change on the page reaches D-Bus watchers of the waiting count too.
+    EXPECT_TRUE(watcher.changed());
     EXPECT_EQ(status(c.Post((own2 + "/save").c_str(), with_token(), "", "")), 204);
     AnswerClient client;
     auto after = client.listMessages();
