@@ -301,40 +301,70 @@ void step(const std::string& what) {
     std::fprintf(stderr, "[web] %s\n", what.c_str());
 }
 
-// A headless Chromium behind chromedriver, spoken to in WebDriver's JSON.
-// The browser runs outside the test's fakes: umockdev's preload library
-// (which the test binary runs under) would hand Chromium the fake testbed for
-// /dev and /sys, and the private system bus is none of its business. The
-// flags keep it from reaching out at all: Chromium looks up Google's and its
+// What the browser processes see of the environment: none of the test's
+// fakes. umockdev's preload library (which the test binary runs under) would
+// hand Chromium the fake testbed for /dev and /sys, and the private system
+// bus is none of its business.
+std::vector<std::string> browser_environment(const std::string& scratch) {
+    return {"LD_PRELOAD", "UMOCKDEV_DIR", "DBUS_SESSION_BUS_ADDRESS",
+            "DBUS_SYSTEM_BUS_ADDRESS=unix:path=" + scratch + "/no-such-bus"};
+}
+
+// A headless Chromium, driven through chromedriver in WebDriver's JSON.
+//
+// Nothing here looks up a host name. Chromium looks up Google's and its
 // search engine's hosts as it starts and holds the first page load until
 // they answer, which on a machine whose DNS drops queries took 13 s and more
-// (measured with a name server that never answers). The resolver rule
-// answers every name but 127.0.0.1 "not found" at once.
+// (measured with a name server that never answers): the resolver rule
+// answers every name but 127.0.0.1 "not found" at once, and the other flags
+// keep it from reaching out. chromedriver, when it starts Chromium itself,
+// reaches it through "localhost", which without an /etc/hosts entry went to
+// that DNS and never came back; so the test starts Chromium and hands
+// chromedriver its debugging address, 127.0.0.1:PORT.
 class Browser {
   public:
     explicit Browser(const std::string& scratch)
-        : port_(free_port()),
+        : debugPort_(free_port()),
+          chromium_({"/usr/bin/chromium",
+                     "--headless=new",
+                     "--no-sandbox",
+                     "--disable-gpu",
+                     "--disable-audio-output",
+                     "--disable-dev-shm-usage",
+                     "--window-size=412,915",
+                     "--no-first-run",
+                     "--no-default-browser-check",
+                     "--disable-background-networking",
+                     "--disable-component-update",
+                     "--disable-sync",
+                     "--disable-quic",
+                     "--disable-default-apps",
+                     "--disable-extensions",
+                     "--host-resolver-rules=MAP * ~NOTFOUND , EXCLUDE 127.0.0.1",
+                     "--autoplay-policy=no-user-gesture-required",
+                     "--remote-debugging-address=127.0.0.1",
+                     "--remote-debugging-port=" + std::to_string(debugPort_),
+                     "--user-data-dir=" + scratch + "/chromium",
+                     "about:blank"},
+                    browser_environment(scratch), scratch + "/chromium.txt"),
+          port_(free_port()),
           log_(scratch + "/chromedriver.log"),
+          chromiumLog_(scratch + "/chromium.txt"),
           driver_({"/usr/bin/chromedriver", "--port=" + std::to_string(port_), "--verbose",
                    "--log-path=" + log_},
-                  {"LD_PRELOAD", "UMOCKDEV_DIR", "DBUS_SESSION_BUS_ADDRESS",
-                   "DBUS_SYSTEM_BUS_ADDRESS=unix:path=" + scratch + "/no-such-bus"},
-                  scratch + "/chromedriver.txt"),
+                  browser_environment(scratch), scratch + "/chromedriver.txt"),
           http_("127.0.0.1", port_) {
         http_.set_read_timeout(std::chrono::seconds(30));
-        step("waiting for chromedriver");
+        step("starting chromium and chromedriver");
+        httplib::Client devtools("127.0.0.1", debugPort_);
+        EXPECT_TRUE(wait_for([&] { return status(devtools.Get("/json/version")) == 200; }))
+            << log();
         EXPECT_TRUE(wait_for([&] { return status(http_.Get("/status")) == 200; })) << log();
         const std::string caps =
             R"({"capabilities":{"alwaysMatch":{"browserName":"chrome","goog:chromeOptions":{)"
-            R"("binary":"/usr/bin/chromium","args":["--headless=new","--no-sandbox",)"
-            R"("--disable-gpu","--disable-audio-output","--disable-dev-shm-usage","--window-size=412,915",)"
-            R"("--no-first-run","--no-default-browser-check","--disable-background-networking",)"
-            R"("--disable-component-update","--disable-sync","--disable-quic",)"
-            R"("--disable-default-apps","--disable-extensions",)"
-            R"("--host-resolver-rules=MAP * ~NOTFOUND , EXCLUDE 127.0.0.1",)"
-            R"("--autoplay-policy=no-user-gesture-required","--user-data-dir=)" +
-            scratch + R"(/chromium"]}}}})";
-        step("starting chromium");
+            R"("debuggerAddress":"127.0.0.1:)" +
+            std::to_string(debugPort_) + R"("}}}})";
+        step("opening a session");
         auto r = http_.Post("/session", caps, "application/json");
         std::smatch m;
         if (r && std::regex_search(r->body, m, std::regex(R"("sessionId"\s*:\s*"([^"]+)\")")))
@@ -348,9 +378,14 @@ class Browser {
             http_.Delete(session_.c_str());
         driver_.signal(SIGTERM);
         driver_.wait_exit();
+        chromium_.signal(SIGTERM);
+        chromium_.wait_exit();
     }
-    // The end of chromedriver's log, which names Chromium's own complaints.
-    std::string log() const { return "\n--- chromedriver's log, last lines ---\n" + tail_of(log_); }
+    // The ends of chromedriver's and Chromium's logs, for a failure.
+    std::string log() const {
+        return "\n--- chromedriver's log, last lines ---\n" + tail_of(log_) +
+               "\n--- chromium's standard error, last lines ---\n" + tail_of(chromiumLog_);
+    }
     bool ready() const { return !session_.empty(); }
 
     void go(const std::string& url) { command("/url", "{\"url\":" + json_text(url) + "}"); }
@@ -392,8 +427,11 @@ class Browser {
         return r ? r->body : "";
     }
 
+    int debugPort_;
+    ChildProcess chromium_;
     int port_;
     std::string log_;
+    std::string chromiumLog_;
     ChildProcess driver_;
     httplib::Client http_;
     std::string session_;
