@@ -165,6 +165,31 @@ try:
 except urllib.error.HTTPError as e:
     print(f"-- without the token: {e.code} {e.reason}")
 PY
+    answer_page_picture "$url"
+    if [ -n "${KAL_DEMO_OPEN_PAGE:-}" ]; then
+        echo "-- open $url in a browser on this machine; press Enter to go on"
+        read -r _ </dev/tty || true
+    fi
+}
+
+# A picture of the page as a phone shows it, when Chromium is installed
+# (bash tools/install-deps.sh browser): headless, outside umockdev's testbed
+# and the private bus, looking up no host names.
+answer_page_picture() {
+    [ -x /usr/bin/chromium ] || return 0
+    local picture
+    picture=$(cd "$KAL_ROOT/.." && pwd)/demo-page.png
+    if env -u LD_PRELOAD -u UMOCKDEV_DIR -u DBUS_SESSION_BUS_ADDRESS -u DBUS_SYSTEM_BUS_ADDRESS \
+        timeout 30 /usr/bin/chromium --headless=new --no-sandbox --disable-gpu \
+        --disable-dev-shm-usage --no-first-run --disable-background-networking \
+        --disable-component-update --disable-sync --disable-extensions \
+        --host-resolver-rules="MAP * ~NOTFOUND , EXCLUDE 127.0.0.1" \
+        --user-data-dir="$TMPDIR/demo-chromium" --window-size=412,915 \
+        --screenshot="$picture" "$1" >/dev/null 2>&1 && [ -s "$picture" ]; then
+        echo "-- the page as a phone shows it: $picture"
+    else
+        echo "-- (Chromium could not take a picture of the page)"
+    fi
 }
 
 answer_stop() {

@@ -6,8 +6,19 @@
 # remotely with the PIN, kalctl lists and exports them; the same voicemail
 # call on the voice modem; crash a line monitor and watch the daemon restart
 # it, then stop.
+#
+# --open-page: stop at the messages page's address until Enter, so it can be
+# opened in a browser while kal-answer serves it.
 set -euo pipefail
 cd "$(dirname "$0")/.."
+case "${1:-}" in
+--open-page) export KAL_DEMO_OPEN_PAGE=1 ;;
+"") ;;
+*)
+    echo "usage: bash tools/demo.sh [--open-page]" >&2
+    exit 2
+    ;;
+esac
 
 bash tools/install-deps.sh
 bash tools/build.sh normal >/dev/null
