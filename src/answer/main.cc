@@ -1,9 +1,11 @@
 // kal-answer: the answering machine on top of kaldevicemaster. See
 // `kal-answer --help` and the README.
 
+#include <pthread.h>
 #include <signal.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
@@ -97,6 +99,39 @@ std::optional<Options> parse(int argc, char** argv) {
 
 // Every greeting the file names must convert; the converted file is cached
 // for the calls to come.
+// Waits up to `wait` for SIGTERM or SIGINT between attempts to reach the
+// bus. The client blocks the stop signals to read them from its event loop;
+// with no client they stay blocked and pending, so they are taken here
+// instead (SIGHUP, a reload, is dropped: the configuration is read again on
+// the next one once connected).
+bool stop_requested_within(std::chrono::milliseconds wait) {
+    sigset_t stops;
+    sigemptyset(&stops);
+    for (const int sig : {SIGTERM, SIGINT, SIGHUP})
+        sigaddset(&stops, sig);
+    sigset_t blocked;
+    pthread_sigmask(SIG_BLOCK, nullptr, &blocked);
+    if (!sigismember(&blocked, SIGTERM)) {
+        // Not yet blocked (no client was ever made): the signals still act.
+        std::this_thread::sleep_for(wait);
+        return false;
+    }
+    const auto end = std::chrono::steady_clock::now() + wait;
+    for (;;) {
+        const auto left = std::chrono::duration_cast<std::chrono::nanoseconds>(
+            end - std::chrono::steady_clock::now());
+        if (left.count() <= 0)
+            return false;
+        const timespec ts{static_cast<time_t>(left.count() / 1'000'000'000),
+                          static_cast<long>(left.count() % 1'000'000'000)};
+        const int sig = sigtimedwait(&stops, nullptr, &ts);
+        if (sig == SIGTERM || sig == SIGINT)
+            return true;
+        if (sig < 0 && errno != EINTR)
+            return false;  // EAGAIN: the time is up
+    }
+}
+
 Config read_config(const std::string& path, GreetingCache& cache) {
     if (::access(path.c_str(), F_OK) != 0) {
         note(path + " does not exist: answering with the built-in settings");
@@ -151,6 +186,7 @@ int main(int argc, char** argv) {
                 run_announcement(command, announcement_environment(m, store.path_of(m), waiting));
         });
 
+        std::string lastFailure;
         for (;;) {
             try {
                 client::Client client(client::ClientOptions{
@@ -163,6 +199,7 @@ int main(int argc, char** argv) {
                     [&](const client::Notification& n) { answerer.handle(n); });
                 client.stopOnSignals({SIGTERM, SIGINT, SIGHUP});
                 service.attach(client.bus());
+                lastFailure.clear();
                 // The daemon's name changing hands wakes the loop at once.
                 bool ownerChanged = true;
                 sd_bus_slot* raw = nullptr;
@@ -225,10 +262,18 @@ int main(int argc, char** argv) {
                     reap_announcements();
                 }
             } catch (const client::BusFailure& e) {
-                note(std::string("the bus failed: ") + e.what() + "; connecting again");
+                const std::string failure = e.what();
+                // A bus that stays away fails the same way every second:
+                // said once, not once a second.
+                if (failure != lastFailure)
+                    note("the bus failed: " + failure + "; connecting again");
+                lastFailure = failure;
                 answerer.detach();
                 service.detach();
-                std::this_thread::sleep_for(1s);
+                if (stop_requested_within(1s)) {
+                    note("stopping");
+                    return 0;
+                }
             }
         }
     } catch (const std::exception& e) {

@@ -161,6 +161,21 @@ TEST_F(AnswerTest, AfterTheDaemonRestartsItRegistersAgainAndAnswersTheNextCall) 
     EXPECT_EQ(list[0].mailbox, 1);
 }
 
+// While the system bus is gone kal-answer keeps trying to reach it; a stop
+// (systemctl's SIGTERM) must still end it at once, not after the unit's
+// stop timeout.
+TEST_F(AnswerTest, WithoutABusItRetriesAndStillStopsOnSigterm) {
+    configure();
+    start_answer();
+    stop_daemon();
+    bus_.stop();
+    ASSERT_TRUE(wait_for([&] { return answer_count("connecting again") >= 2; })) << answer_log();
+    answer_->signal(SIGTERM);
+    const int status = answer_->wait_exit(5s);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status << answer_log();
+    answer_.reset();
+}
+
 TEST_F(AnswerTest, KalctlListsPlaysMarksAndDeletesMessagesAndShowsTheCalls) {
     configure();
     start_answer();

@@ -134,12 +134,17 @@ PrivateBus::PrivateBus() {
     setenv("DBUS_SYSTEM_BUS_ADDRESS", address_.c_str(), 1);
 }
 
-PrivateBus::~PrivateBus() {
-    unsetenv("DBUS_SYSTEM_BUS_ADDRESS");
+void PrivateBus::stop() {
     if (pid_ > 0) {
         ::kill(pid_, SIGTERM);
         waitpid(pid_, nullptr, 0);
+        pid_ = -1;
     }
+}
+
+PrivateBus::~PrivateBus() {
+    unsetenv("DBUS_SYSTEM_BUS_ADDRESS");
+    stop();
     std::error_code ec;
     std::filesystem::remove_all(dir_, ec);
 }

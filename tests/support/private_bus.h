@@ -23,6 +23,10 @@ class PrivateBus {
     PrivateBus(const PrivateBus&) = delete;
     PrivateBus& operator=(const PrivateBus&) = delete;
 
+    // Stops the bus now, as a crash or restart of the system bus would:
+    // every connection to it ends.
+    void stop();
+
     // "unix:path=...,guid=..." as the bus printed it.
     const std::string& address() const { return address_; }
     // Scratch directory: the socket, the configuration, the bus's own stderr.
