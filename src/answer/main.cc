@@ -42,8 +42,9 @@ constexpr const char kUsage[] =
     "  --sounds DIR   the prompts the build spoke (default $KAL_ANSWER_SOUNDS, else\n"
     "                 " KAL_ANSWER_SOUNDS_DIR
     ")\n"
-    "  --web-port P   the messages page's port on 127.0.0.1 (default 0: any free\n"
-    "                 port; kalctl web prints the address), off: no page. Its files\n"
+    "  --web-port P   the messages page's port on 127.0.0.1 (default 0: a free\n"
+    "                 port, the same as last time while it is free; kalctl web\n"
+    "                 prints the address), off: no page. Its files\n"
     "                 come from $KAL_ANSWER_WEB, else " KAL_ANSWER_WEB_DIR "\n";
 
 void note(const std::string& text) {

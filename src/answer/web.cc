@@ -9,6 +9,7 @@
 
 #include <httplib.h>
 #include <cerrno>
+#include <charconv>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
@@ -117,6 +118,32 @@ std::string read_whole(const std::string& path) {
     return s.str();
 }
 
+// Writes `text` to `path` through a file beside it, mode 0600 from the
+// start, then renamed into place: never readable by others, never half
+// there. False (errno set) when any step fails.
+bool replace_private_file(const std::string& path, const std::string& text) {
+    const std::string tmp = path + ".new";
+    ::unlink(tmp.c_str());
+    unique_fd out(::open(tmp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
+    return out &&
+           ::write(out.get(), text.data(), text.size()) == static_cast<ssize_t>(text.size()) &&
+           ::fsync(out.get()) == 0 && ::rename(tmp.c_str(), path.c_str()) == 0;
+}
+
+// The port the page listened on last time, from `path`; 0 when there is
+// none (or the file holds anything but a port a user may listen on).
+int remembered_port(const std::string& path) {
+    unique_fd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
+    if (!fd)
+        return 0;
+    char buf[16];
+    const ssize_t n = ::read(fd.get(), buf, sizeof buf);
+    int port = 0;
+    if (n <= 0 || std::from_chars(buf, buf + n, port).ec != std::errc())
+        return 0;
+    return port >= 1024 && port <= 65535 ? port : 0;
+}
+
 }  // namespace
 
 std::string load_or_make_token(const std::string& path) {
@@ -139,16 +166,7 @@ std::string load_or_make_token(const std::string& path) {
         std::snprintf(hex, sizeof hex, "%02x", b);
         token += hex;
     }
-    // Written beside its name with mode 0600 from the start, then renamed:
-    // never readable by others, never half there.
-    const std::string tmp = path + ".new";
-    ::unlink(tmp.c_str());
-    unique_fd out(::open(tmp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
-    if (!out)
-        throw std::runtime_error("cannot write " + tmp + ": " + std::strerror(errno));
-    const std::string line = token + "\n";
-    if (::write(out.get(), line.data(), line.size()) != static_cast<ssize_t>(line.size()) ||
-        ::fsync(out.get()) != 0 || ::rename(tmp.c_str(), path.c_str()) != 0)
+    if (!replace_private_file(path, token + "\n"))
         throw std::runtime_error("cannot write " + path + ": " + std::strerror(errno));
     return token;
 }
@@ -170,9 +188,22 @@ std::string WebServer::url() const {
 }
 
 void WebServer::start() {
-    const int port = options_.port == 0
-                         ? server_->bind_to_any_port("127.0.0.1")
-                         : (server_->bind_to_port("127.0.0.1", options_.port) ? options_.port : -1);
+    int port = -1;
+    if (options_.port != 0) {
+        port = server_->bind_to_port("127.0.0.1", options_.port) ? options_.port : -1;
+    } else {
+        // Any free port the first time, then the same one for as long as it
+        // is free, so an address a person bookmarked keeps working across
+        // restarts. Not remembering it costs nothing but that.
+        const std::string remembered = options_.stateDir + "/web-port";
+        const int last = remembered_port(remembered);
+        if (last != 0 && server_->bind_to_port("127.0.0.1", last))
+            port = last;
+        else
+            port = server_->bind_to_any_port("127.0.0.1");
+        if (port > 0 && port != last)
+            replace_private_file(remembered, std::to_string(port) + "\n");
+    }
     if (port < 0)
         throw std::runtime_error("cannot listen on 127.0.0.1 port " +
                                  std::to_string(options_.port) + ": " + std::strerror(errno));

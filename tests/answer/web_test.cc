@@ -12,6 +12,7 @@
 
 #include "answer/bus_service.h"
 #include "answer_fixture.h"
+#include "base/unique_fd.h"
 #include "service/sd_bus_handles.h"
 
 using namespace kal;
@@ -205,6 +206,39 @@ TEST_F(WebTest, TheApiNeedsTheTokenServesRangesAndKeepsMailboxesApart) {
     ASSERT_EQ(after.size(), 1u);
     EXPECT_EQ(after[0].id, one.id);
     EXPECT_EQ(status(c.Get((own2 + "/audio").c_str(), with_token())), 404);
+}
+
+// A bookmarked address keeps working: after a restart the page is on the
+// same port with the same token; when that port is taken, on another.
+TEST_F(WebTest, TheAddressSurvivesARestartAndMovesOnlyWhenItsPortIsTaken) {
+    configure();
+    start_answer();
+    read_address();
+    const std::string first = url_;
+    const int firstPort = port_;
+    const auto restart = [&] {
+        answer_->signal(SIGTERM);
+        ASSERT_EQ(answer_->wait_exit(), 0);
+        start_answer();
+        read_address();
+    };
+    restart();
+    EXPECT_EQ(url_, first);
+
+    // Something else took the port while kal-answer was away.
+    answer_->signal(SIGTERM);
+    ASSERT_EQ(answer_->wait_exit(), 0);
+    unique_fd squatter(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    a.sin_port = htons(static_cast<uint16_t>(firstPort));
+    ASSERT_EQ(::bind(squatter.get(), reinterpret_cast<sockaddr*>(&a), sizeof a), 0);
+    ASSERT_EQ(::listen(squatter.get(), 1), 0);
+    start_answer();
+    read_address();
+    EXPECT_NE(port_, firstPort);
+    EXPECT_EQ(status(http().Get("/api/messages", with_token())), 200);
 }
 
 TEST_F(WebTest, AGreetingUploadIsConvertedAndLimited) {
