@@ -128,7 +128,7 @@ int calls(AnswerClient& client, const Invocation& inv, std::ostream& out) {
 
 }  // namespace
 
-std::vector<CommandSpec> answer_command_specs() {
+std::vector<CommandDescription> answer_command_descriptions() {
     return {
         {"messages",
          "[list|play ID FILE.wav|delete ID|heard ID]",

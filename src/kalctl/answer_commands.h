@@ -12,7 +12,7 @@
 namespace kal::kalctl {
 
 // Their entries in kalctl's command table.
-std::vector<CommandSpec> answer_command_specs();
+std::vector<CommandDescription> answer_command_descriptions();
 // True for the commands of this file.
 bool is_answer_command(const std::string& command);
 // Runs one; returns the exit status. Throws UsageError and Failure; an

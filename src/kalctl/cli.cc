@@ -29,8 +29,8 @@ const OptionSpec kWaitTimeout{"--timeout", "S", "with --wait: give up after S se
 
 }  // namespace
 
-const std::vector<CommandSpec>& commands() {
-    static const std::vector<CommandSpec> table = {
+const std::vector<CommandDescription>& commands() {
+    static const std::vector<CommandDescription> table = {
         {"lines",
          "",
          0,
@@ -195,16 +195,16 @@ const std::vector<CommandSpec>& commands() {
          "",
          {{"--object", "TEXT", "the notification's object (default: none)"}}},
     };
-    static const std::vector<CommandSpec> all = [] {
+    static const std::vector<CommandDescription> all = [] {
         auto out = table;
-        for (auto& spec : answer_command_specs())
-            out.push_back(std::move(spec));
+        for (auto& command : answer_command_descriptions())
+            out.push_back(std::move(command));
         return out;
     }();
     return all;
 }
 
-const CommandSpec* find_command(const std::string& name) {
+const CommandDescription* find_command(const std::string& name) {
     for (const auto& desc : commands())
         if (name == desc.name)
             return &desc;
@@ -315,7 +315,7 @@ Invocation parse_command_line(const std::vector<std::string>& argv) {
             throw UsageError("", "unknown command '" + inv.command + "'");
         return inv;
     }
-    const CommandSpec* desc = find_command(inv.command);
+    const CommandDescription* desc = find_command(inv.command);
     if (!desc)
         throw UsageError("", "unknown command '" + inv.command + "'");
 
@@ -409,13 +409,13 @@ const char* global_help_epilogue() {
            "the command line, 3 the daemon could not be reached.\n";
 }
 
-std::string summary_sentence(const CommandSpec& desc) {
+std::string summary_sentence(const CommandDescription& desc) {
     std::string summary = desc.summary;
     summary[0] = static_cast<char>(std::toupper(static_cast<unsigned char>(summary[0])));
     return summary + ".";
 }
 
-std::string command_help(const CommandSpec& desc) {
+std::string command_help(const CommandDescription& desc) {
     std::string out = std::string("Usage: kalctl ") + desc.name;
     if (*desc.usage)
         out += std::string(" ") + desc.usage;

@@ -40,7 +40,7 @@ struct OptionSpec {
     const char* help;
 };
 
-struct CommandSpec {
+struct CommandDescription {
     const char* name;   // "dial"
     const char* usage;  // "<serial|any> <digits>"
     size_t minArgs;
@@ -51,8 +51,8 @@ struct CommandSpec {
 };
 
 // Every command, in the order help lists them.
-const std::vector<CommandSpec>& commands();
-const CommandSpec* find_command(const std::string& name);
+const std::vector<CommandDescription>& commands();
+const CommandDescription* find_command(const std::string& name);
 
 // Options that come before the command, --help and --version included, in
 // the order help lists them.
@@ -86,12 +86,12 @@ struct Invocation {
 Invocation parse_command_line(const std::vector<std::string>& argv);
 
 std::string global_help();
-std::string command_help(const CommandSpec& desc);
+std::string command_help(const CommandDescription& desc);
 // The text after the command list of global_help(): environment, access,
 // exit status. The man page shows the same paragraphs.
 const char* global_help_epilogue();
 // A command's summary as the first sentence of its help: "Dial digits on a line."
-std::string summary_sentence(const CommandSpec& desc);
+std::string summary_sentence(const CommandDescription& desc);
 
 // Value parsing with the option's name in the message. Throw UsageError.
 int32_t parse_int(const std::string& command, const std::string& what, const std::string& text,

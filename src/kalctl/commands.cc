@@ -355,7 +355,7 @@ int run(const Invocation& inv, std::ostream& out, std::ostream& err) {
             return kExitOk;
         }
         if (inv.help) {
-            const CommandSpec* desc = find_command(inv.command);
+            const CommandDescription* desc = find_command(inv.command);
             out << (desc ? command_help(*desc) : global_help());
             return kExitOk;
         }
