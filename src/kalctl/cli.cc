@@ -18,14 +18,15 @@ namespace kal::kalctl {
 namespace {
 
 // Options shared by the commands that start something on a line.
-const OptionSpec kToken{"--token", "T",
-                        "the request's token, echoed in its RequestComplete (default: made up)"};
-const OptionSpec kWait{"--wait", nullptr,
-                       "wait for the request's RequestComplete, print it, and exit 0 only when "
-                       "it reports success"};
-const OptionSpec kSessionToken{"--token", "T",
-                               "the session's token, in each of its requests (default: made up)"};
-const OptionSpec kWaitTimeout{"--timeout", "S", "with --wait: give up after S seconds"};
+const OptionDescription kToken{
+    "--token", "T", "the request's token, echoed in its RequestComplete (default: made up)"};
+const OptionDescription kWait{
+    "--wait", nullptr,
+    "wait for the request's RequestComplete, print it, and exit 0 only when "
+    "it reports success"};
+const OptionDescription kSessionToken{
+    "--token", "T", "the session's token, in each of its requests (default: made up)"};
+const OptionDescription kWaitTimeout{"--timeout", "S", "with --wait: give up after S seconds"};
 
 }  // namespace
 
@@ -335,7 +336,7 @@ Invocation parse_command_line(const std::vector<std::string>& argv) {
             inv.help = true;
             continue;
         }
-        const OptionSpec* opt = nullptr;
+        const OptionDescription* opt = nullptr;
         for (const auto& o : desc->options)
             if (name == o.name)
                 opt = &o;
@@ -389,8 +390,8 @@ std::string global_help() {
     return out;
 }
 
-const std::vector<OptionSpec>& global_options() {
-    static const std::vector<OptionSpec> table = {
+const std::vector<OptionDescription>& global_options() {
+    static const std::vector<OptionDescription> table = {
         {"--app", "NAME", "the application name we register as (default kalctl)"},
         {"--vendor", "NAME", "the vendor we register as (default com.orvane)"},
         {"--protocol", "V", "the protocol version we register with"},

@@ -34,7 +34,7 @@ class Failure : public std::runtime_error {
     explicit Failure(const std::string& message) : std::runtime_error(message) {}
 };
 
-struct OptionSpec {
+struct OptionDescription {
     const char* name;  // "--token"
     const char* arg;   // "T", or nullptr for a flag
     const char* help;
@@ -47,7 +47,7 @@ struct CommandDescription {
     size_t maxArgs;  // SIZE_MAX: any number
     const char* summary;
     const char* details;  // more text for --help, may be ""
-    std::vector<OptionSpec> options;
+    std::vector<OptionDescription> options;
 };
 
 // Every command, in the order help lists them.
@@ -56,7 +56,7 @@ const CommandDescription* find_command(const std::string& name);
 
 // Options that come before the command, --help and --version included, in
 // the order help lists them.
-const std::vector<OptionSpec>& global_options();
+const std::vector<OptionDescription>& global_options();
 
 // The values of the options that come before the command.
 struct GlobalOptions {

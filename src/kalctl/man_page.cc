@@ -34,7 +34,7 @@ std::string escaped_line(const std::string& line) {
 }
 
 // "--token T" as a term: the option bold, its argument underlined.
-std::string option_term(const OptionSpec& o) {
+std::string option_term(const OptionDescription& o) {
     std::string term = "*" + escaped(o.name) + "*";
     if (o.arg)
         term += " _" + escaped(o.arg) + "_";
@@ -64,7 +64,7 @@ std::string paragraphs(const std::string& text, int indent) {
     return out;
 }
 
-std::string option_list(const std::vector<OptionSpec>& options, int indent) {
+std::string option_list(const std::vector<OptionDescription>& options, int indent) {
     const std::string tabs(indent, '\t');
     std::string out;
     for (const auto& o : options)
