@@ -132,16 +132,22 @@ void service_userisr() {
         DeviceTableLock lock(kTableRead);
         const qlx* rec = line_by_serial(todo->serial);
         index = rec ? line_index(*rec) : -1;
+        // Decided before the command is built: building a dial already
+        // tells the client it went out, which a line without a running
+        // line monitor must not do.
+        if (rec && (!rec->fd || line_monitor_ended(rec->fd.get()))) {
+            kallog(KAL_WARN, "QLX%d has no running line monitor. Dropping the command.", index);
+            if (todo->type == REQ_DIAL)
+                notify_cmd_failure(todo->token.value_or(""), kal_ResponseCode_ERR_NoResource,
+                                   todo->serial);
+            return;
+        }
         cmd = build_command(*todo, index);
         if (rec)
             fd = rec->fd.get();
     }
     if (!cmd)
         return;
-    if (fd < 0 || line_monitor_ended(fd)) {
-        kallog(KAL_WARN, "QLX%d has no running line monitor. Dropping the command.", index);
-        return;
-    }
     // Written without the device-table lock (the socket stays open: only a
     // rescan closes line sockets, and rescans run on this thread) and within
     // the frame limit: a line monitor that stops reading its socket must

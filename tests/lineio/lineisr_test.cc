@@ -133,15 +133,21 @@ TEST_F(LineIsrTest, WakeUpWithEmptyQueueWritesNothing) {
     EXPECT_EQ(line_received(1), "");
 }
 
-TEST_F(LineIsrTest, DialReportsSuccessAndDigitsOrFailsForUnknownLine) {
+TEST_F(LineIsrTest, DialReportsSuccessAndDigitsOrFailsForAnUnknownOrEndedLine) {
     queue(REQ_DIAL, "ZZ", "123");
     pass();
     queue(REQ_DIAL, "B2", "9#");
     pass();
     EXPECT_EQ(line_received(1), std::string("D9#\0", 4));
-    EXPECT_THAT(journal_, ElementsAre("RequestComplete:KALResponseCodeERRNoResource",
-                                      "RequestComplete:KALResponseCodeOK", "KALDigitDialed",
-                                      "KALDigitDialed"));
+    // A1's line monitor has ended: its dial fails, never reported as made.
+    peers_[0].reset();
+    pass();
+    queue(REQ_DIAL, "A1", "5");
+    pass();
+    EXPECT_THAT(journal_,
+                ElementsAre("RequestComplete:KALResponseCodeERRNoResource",
+                            "RequestComplete:KALResponseCodeOK", "KALDigitDialed", "KALDigitDialed",
+                            "RequestComplete:KALResponseCodeERRNoResource"));
 }
 
 TEST_F(LineIsrTest, RequestsForVanishedLinesAreDiscarded) {
