@@ -21,6 +21,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <string>
 
@@ -54,8 +55,12 @@ class Output final : public ModemLineOutput {
   public:
     void to_modem(std::string_view bytes) override { tty.add_control(bytes); }
     void drop_audio() override { tty.drop_audio(); }
+    // A daemon that takes no event for this long is treated as gone, so the
+    // modem (audio under way included) is never left unserved longer.
+    static constexpr std::chrono::seconds kDaemonWriteLimit{5};
     void to_daemon(const std::string& payload) override {
-        if (!daemon_gone && dmp_write(kLineFd, payload.data(), payload.size()) < 0)
+        if (!daemon_gone &&
+            dmp_write_within(kLineFd, payload.data(), payload.size(), kDaemonWriteLimit) < 0)
             daemon_gone = true;
     }
     TtyOutput tty;
@@ -146,7 +151,7 @@ int run(const std::string& port_path, const std::string& serial) {
     ModemLine line(serial.empty() ? port_path : serial, out);
     line.start(Clock::now());
 
-    std::string frame(lm::kEventBufferSize, '\0');
+    FrameReader commands(lm::kEventBufferSize);
     for (;;) {
         if (out.daemon_gone) {
             line.shutdown();
@@ -213,13 +218,19 @@ int run(const std::string& port_path, const std::string& serial) {
             return kExitModemGone;
         }
         if (fds[0].revents) {
-            ssize_t n = dmp_read(kLineFd, frame.data(), frame.size(), -1);
-            if (n <= 0) {
-                vlog(kLogInfo, "the daemon closed the line socket");
-                out.daemon_gone = true;
-                continue;
+            // Every whole command the socket holds; one still arriving is
+            // finished on a later wake-up, and the modem is served meanwhile.
+            for (;;) {
+                const FrameReader::Step step = commands.readSome(kLineFd);
+                if (step == FrameReader::Step::kWaiting)
+                    break;
+                if (step != FrameReader::Step::kFrame || commands.frame().empty()) {
+                    vlog(kLogInfo, "the daemon closed the line socket");
+                    out.daemon_gone = true;
+                    break;
+                }
+                line.on_command(commands.frame().data(), commands.frame().size(), Clock::now());
             }
-            line.on_command(frame.data(), static_cast<size_t>(n), Clock::now());
         }
         if (fds[2].revents) {
             uint64_t expirations;
