@@ -50,8 +50,13 @@ ControlReply wait_for(std::function<std::optional<std::string>()> attempt, doubl
     r.then = ControlReply::Then::Wait;
     r.wait = std::move(attempt);
     r.wait_timeout_text = std::move(timeout_text);
-    r.wait_timeout =
-        std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(seconds));
+    // Bounded (and NaN refused) before the conversion, which is undefined
+    // for a value the clock's integer cannot hold ("wait-command P inf").
+    constexpr double kLongestWait = 24 * 3600;
+    if (!(seconds >= 0))
+        seconds = 0;
+    r.wait_timeout = std::chrono::duration_cast<Clock::duration>(
+        std::chrono::duration<double>(std::min(seconds, kLongestWait)));
     return r;
 }
 
