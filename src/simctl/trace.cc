@@ -27,10 +27,6 @@ void set_trace_verbose(bool on) {
     verbose = on;
 }
 
-bool trace_verbose() {
-    return verbose;
-}
-
 void trace(const char* format, ...) {
     if (!verbose)
         return;

@@ -12,7 +12,6 @@ namespace kal::simctl {
 
 void set_trace_name(const std::string& name);
 void set_trace_verbose(bool on);
-bool trace_verbose();
 void trace(const char* format, ...) __attribute__((format(printf, 1, 2)));
 void fail(const char* format, ...) __attribute__((format(printf, 1, 2)));
 

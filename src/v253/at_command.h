@@ -41,7 +41,6 @@ class LineSplitter {
     // answers false (what follows that line is no longer text: the modem
     // said CONNECT and audio comes next). Returns the bytes taken.
     size_t feed(std::string_view text, const std::function<bool(std::string_view)>& on_line);
-    void reset() { partial_.clear(); }
 
   private:
     static constexpr size_t kMaxLine = 1024;
@@ -85,10 +84,6 @@ class AtExchange {
     // Ends the command in flight when its deadline has passed.
     void on_time(Clock::time_point now);
     std::optional<Clock::time_point> next_deadline() const;
-
-    bool busy() const { return current_.has_value() || !waiting_.empty(); }
-    // The command in flight, for messages.
-    std::string current_command() const { return current_ ? current_->command : std::string(); }
 
   private:
     struct Step {

@@ -25,9 +25,6 @@ class CallerIdBlock {
     // The event text of what was collected, and a fresh start.
     std::string take_text();
 
-    const std::string& number() const { return number_; }
-    const std::string& name() const { return name_; }
-
   private:
     bool any_ = false;
     std::string date_, time_, number_, name_;

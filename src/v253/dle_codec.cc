@@ -6,12 +6,6 @@ bool is_dtmf_digit(char c) {
     return (c >= '0' && c <= '9') || c == '*' || c == '#' || (c >= 'A' && c <= 'D');
 }
 
-void DleDecoder::reset() {
-    after_dle_ = false;
-    in_bracket_ = false;
-    bracket_digit_ = 0;
-}
-
 void DleDecoder::feed(std::string_view in, DleSink& sink) {
     size_t run = 0;  // start of the current run of plain data
     for (size_t i = 0; i < in.size(); ++i) {

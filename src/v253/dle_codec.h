@@ -27,7 +27,6 @@ namespace v253 {
 inline constexpr char kDle = 0x10;
 inline constexpr char kEtx = 0x03;
 inline constexpr char kSub = 0x1a;
-inline constexpr char kCan = 0x18;
 
 // What the decoder found. Events are reported by their code byte; the end
 // of the stream as kEtx.
@@ -43,8 +42,6 @@ class DleDecoder {
     // Decodes `in`, which may end inside a code; the rest is kept for the
     // next call.
     void feed(std::string_view in, DleSink& sink);
-    // Forgets a half-received code and any open key bracket.
-    void reset();
 
   private:
     bool after_dle_ = false;

@@ -21,8 +21,7 @@ std::string bytes_from_reply(const std::string& reply) {
 }  // namespace
 
 ModemSim::ModemSim(const std::string& link_path, const std::string& socket_path, double speed,
-                   const std::vector<std::string>& quirks)
-    : link_path_(link_path), socket_path_(socket_path) {
+                   const std::vector<std::string>& quirks) {
     std::vector<std::string> argv = {
         bin_path("kal-modemsim"), "--link", link_path, "--socket", socket_path, "--speed",
         std::to_string(speed)};
@@ -42,10 +41,6 @@ ModemSim::~ModemSim() {
     control_.reset();
     process_->signal(SIGTERM);
     process_->wait_exit();
-}
-
-std::unique_ptr<LineSimControl> ModemSim::connect() const {
-    return std::make_unique<LineSimControl>(socket_path_);
 }
 
 std::string ModemSim::played(int n) {

@@ -31,22 +31,14 @@ class ModemSim {
     ModemSim(const ModemSim&) = delete;
     ModemSim& operator=(const ModemSim&) = delete;
 
-    const std::string& link_path() const { return link_path_; }
-    const std::string& socket_path() const { return socket_path_; }
-    pid_t pid() const { return process_->pid(); }
-
     // One command, its whole reply (see LineSimControl::send).
     std::string send(const std::string& command) { return control_->send(command); }
-    // A second connection, e.g. for a wait-command while this one is busy.
-    std::unique_ptr<LineSimControl> connect() const;
     // The bytes of +VTX stream n (1-based; 0: the last), decoded from hex.
     std::string played(int n = 0);
     // The audio +VRX stream n sent (1-based; 0: the last).
     std::string recorded(int n = 0);
 
   private:
-    std::string link_path_;
-    std::string socket_path_;
     std::unique_ptr<ChildProcess> process_;
     std::unique_ptr<LineSimControl> control_;
 };
