@@ -97,10 +97,6 @@ class V253Program : public ::testing::Test {
                 return e;
         return "";
     }
-    lm::lm_audio_response audio_reply() {
-        std::string e = event_of('^');
-        return lm::parse_audio_response(e.data(), e.size());
-    }
     void command(const std::string& payload) {
         ASSERT_EQ(dmp_write(daemon_end.get(), payload.data(), payload.size()),
                   static_cast<ssize_t>(payload.size()));
@@ -137,68 +133,6 @@ class V253Program : public ::testing::Test {
     kal::unique_fd daemon_end;
     pid_t pid = -1;
 };
-
-TEST_F(V253Program, ReportsRingsAndCallerIdOfBothSpellings) {
-    start({"nmbr-spaces=on"});
-    wait_ready();
-    ASSERT_THAT(ctl->send("callerid 5551234 JANE DOE"), StartsWith("ok"));
-    ring_once();
-    EXPECT_EQ(event_of('X'), "X5551234 JANE DOE\0"s);
-    ASSERT_THAT(ctl->send("set nmbr-spaces off"), StartsWith("ok"));
-    ASSERT_THAT(ctl->send("callerid private"), StartsWith("ok"));
-    ring_once();
-    EXPECT_EQ(event_of('X'), "XPRIVATE\0"s);
-}
-
-TEST_F(V253Program, PlaysBytesIntactAndStopsOnADigitWithIt) {
-    start({"profile=usr", "vcon=on", "bracket=on"});
-    wait_ready();
-    std::string file = "\x10\x80\x10\x10\x03\x7f"s;
-    kal::test::write_file(root.path() + "/g.raw", file);
-    ring_once();
-    command(audio('P', root.path() + "/g.raw", "#"));
-    auto r = audio_reply();
-    EXPECT_EQ(r.token, "123");
-    EXPECT_EQ(r.status, lm::kAudioComplete);
-    EXPECT_EQ(ctl->send("played 1"),
-              "ok 1080101003"
-              "7f");
-    ASSERT_THAT(ctl->send("wait-command AT+VTX"), StartsWith("ok"));  // this play's
-
-    // A long play the caller interrupts with a held key: one # event.
-    kal::test::write_file(root.path() + "/long.raw", std::string(8000 * 60, '\x80'));
-    command(audio('P', root.path() + "/long.raw", "PplbdceJafhH*#"));
-    ASSERT_THAT(ctl->send("wait-command AT+VTX"), StartsWith("ok"));
-    ASSERT_THAT(ctl->send("digits 4#"), StartsWith("ok"));  // 4 is not a stop key
-    EXPECT_EQ(event_of('#'), "#4");
-    EXPECT_EQ(event_of('#'), "##");
-    r = audio_reply();
-    EXPECT_EQ(r.status, lm::kAudioStopped);
-    EXPECT_EQ(r.stopChar, '#');
-    EXPECT_THAT(ctl->send("plays"), HasSubstr("discarded="));
-}
-
-TEST_F(V253Program, RecordsTheBytesTheModemSent) {
-    start({"dle-sub=on"});
-    wait_ready();
-    ASSERT_THAT(ctl->send("audio-hex 80 10 10 81 10 7f 03"), StartsWith("ok"));
-    ring_once();
-    const std::string path = root.path() + "/m.raw";
-    command(audio('R', path, "#", 1));
-    auto r = audio_reply();
-    EXPECT_EQ(r.status, lm::kAudioComplete);
-    const std::string got = kal::test::read_file(path);
-    ASSERT_GE(got.size(), 7u);
-    EXPECT_EQ(got.substr(0, 7), "\x80\x10\x10\x81\x10\x7f\x03"s);
-    // The rest is the emulator's silence after the source, up to one second.
-    EXPECT_EQ(got.find_first_not_of('\x80', 7), std::string::npos);
-    EXPECT_EQ(got.size(), 8000u);
-}
-
-TEST_F(V253Program, EndsWhenTheModemFails) {
-    start({"vsm-error=on"});
-    EXPECT_EQ(exit_status(), 4);  // refused every voice format
-}
 
 TEST_F(V253Program, EndsWhenTheModemStopsAnswering) {
     start({"mute-at=+VSM"});
