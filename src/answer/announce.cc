@@ -1,5 +1,6 @@
 #include "answer/announce.h"
 
+#include <signal.h>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -46,8 +47,20 @@ pid_t run_announcement(const std::string& command, const std::vector<std::string
     envp.push_back(nullptr);
     std::string sh = "/bin/sh", dash_c = "-c", cmd = command;
     char* argv[] = {sh.data(), dash_c.data(), cmd.data(), nullptr};
+    // The service keeps its stop signals blocked (it reads them from its
+    // event loop); the command starts with none blocked and every signal at
+    // its default, as any program expects.
+    posix_spawnattr_t attr;
+    posix_spawnattr_init(&attr);
+    sigset_t none, every;
+    sigemptyset(&none);
+    sigfillset(&every);
+    posix_spawnattr_setsigmask(&attr, &none);
+    posix_spawnattr_setsigdefault(&attr, &every);
+    posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
     pid_t pid = -1;
-    const int rc = posix_spawn(&pid, "/bin/sh", nullptr, nullptr, argv, envp.data());
+    const int rc = posix_spawn(&pid, "/bin/sh", nullptr, &attr, argv, envp.data());
+    posix_spawnattr_destroy(&attr);
     if (rc != 0) {
         std::cerr << "kal-answer: cannot run the announcement command: " << std::strerror(rc)
                   << std::endl;

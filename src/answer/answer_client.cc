@@ -148,7 +148,7 @@ std::string AnswerClient::webAddress() {
     const char* url = nullptr;
     const int r = sd_bus_message_read_basic(reply.get(), 's', &url);
     if (r < 0)
-        throw AnswerError("", std::string("WebAddress: bad reply: ") + std::strerror(-r));
+        bad_reply("WebAddress", r);
     return url;
 }
 

@@ -13,7 +13,6 @@
 #include <memory>
 #include <optional>
 #include <string>
-#include <thread>
 
 #include "answer/announce.h"
 #include "answer/answerer.h"
@@ -98,25 +97,23 @@ std::optional<Options> parse(int argc, char** argv) {
     return o;
 }
 
-// Every greeting the file names must convert; the converted file is cached
-// for the calls to come.
-// Waits up to `wait` for SIGTERM or SIGINT between attempts to reach the
-// bus. The client blocks the stop signals to read them from its event loop;
-// with no client they stay blocked and pending, so they are taken here
-// instead (SIGHUP, a reload, is dropped: the configuration is read again on
-// the next one once connected).
-bool stop_requested_within(std::chrono::milliseconds wait) {
-    sigset_t stops;
-    sigemptyset(&stops);
+// The signals that stop (SIGTERM, SIGINT) or reload (SIGHUP) the service.
+// They are blocked from the start and read: from the client's event loop
+// when connected, by stop_requested_within between attempts to reach the
+// bus.
+sigset_t stop_signals() {
+    sigset_t set;
+    sigemptyset(&set);
     for (const int sig : {SIGTERM, SIGINT, SIGHUP})
-        sigaddset(&stops, sig);
-    sigset_t blocked;
-    pthread_sigmask(SIG_BLOCK, nullptr, &blocked);
-    if (!sigismember(&blocked, SIGTERM)) {
-        // Not yet blocked (no client was ever made): the signals still act.
-        std::this_thread::sleep_for(wait);
-        return false;
-    }
+        sigaddset(&set, sig);
+    return set;
+}
+
+// Waits up to `wait` for SIGTERM or SIGINT between attempts to reach the
+// bus (a SIGHUP there is dropped: the configuration is read again on the
+// next one once connected).
+bool stop_requested_within(std::chrono::milliseconds wait) {
+    const sigset_t stops = stop_signals();
     const auto end = std::chrono::steady_clock::now() + wait;
     for (;;) {
         const auto left = std::chrono::duration_cast<std::chrono::nanoseconds>(
@@ -133,6 +130,8 @@ bool stop_requested_within(std::chrono::milliseconds wait) {
     }
 }
 
+// Every greeting the file names must convert; the converted file is cached
+// for the calls to come.
 Config read_config(const std::string& path, GreetingCache& cache) {
     if (::access(path.c_str(), F_OK) != 0) {
         note(path + " does not exist: answering with the built-in settings");
@@ -147,6 +146,8 @@ int main(int argc, char** argv) {
     const auto options = parse(argc, argv);
     if (!options)
         return 2;
+    const sigset_t stops = stop_signals();
+    pthread_sigmask(SIG_BLOCK, &stops, nullptr);
     try {
         MessageStore store(options->state);
         const RepairReport& repair = store.last_repair();

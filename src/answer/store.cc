@@ -155,7 +155,7 @@ std::optional<CallOutcome> call_outcome_named(const std::string& name) {
     return v ? std::optional(static_cast<CallOutcome>(*v)) : std::nullopt;
 }
 
-MessageStore::MessageStore(std::string dir) : dir_(std::move(dir)) {
+MessageStore::MessageStore(std::string dir, Opening opening) : dir_(std::move(dir)) {
     std::error_code ec;
     fs::create_directories(messages_dir(), ec);
     if (ec)
@@ -172,6 +172,8 @@ MessageStore::MessageStore(std::string dir) : dir_(std::move(dir)) {
     sqlite3_busy_timeout(db_.get(), 5000);
     exec("PRAGMA journal_mode=WAL");
     exec("PRAGMA synchronous=FULL");
+    if (opening == Opening::kAlreadyRepaired)
+        return;
     // A file that is not a database, or a damaged one, is refused here
     // rather than half-used.
     {

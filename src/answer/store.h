@@ -98,9 +98,13 @@ using StatementPtr = std::unique_ptr<sqlite3_stmt, StatementFinalizer>;
 
 class MessageStore {
   public:
-    // Opens (creating when missing) the store in `dir`, then repairs it.
-    // Throws StoreError.
-    explicit MessageStore(std::string dir);
+    // How a connection opens the store: the first one checks and repairs
+    // it; a second one in the same process (the messages page's) finds it
+    // so, and must not repair again (that would close the calls under way
+    // as interrupted).
+    enum class Opening { kCheckAndRepair, kAlreadyRepaired };
+    // Opens (creating when missing) the store in `dir`. Throws StoreError.
+    explicit MessageStore(std::string dir, Opening opening = Opening::kCheckAndRepair);
 
     const std::string& dir() const { return dir_; }
     std::string messages_dir() const { return dir_ + "/messages"; }

@@ -175,7 +175,7 @@ WebServer::WebServer(WebOptions options)
     : options_(std::move(options)),
       token_(load_or_make_token(options_.stateDir + "/web-token")),
       server_(std::make_unique<httplib::Server>()),
-      store_(options_.stateDir) {
+      store_(options_.stateDir, MessageStore::Opening::kAlreadyRepaired) {
     routes();
 }
 

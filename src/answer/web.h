@@ -80,7 +80,6 @@ class WebServer {
     void stop();
 
     int port() const { return port_; }
-    const std::string& token() const { return token_; }
     // http://127.0.0.1:PORT/?token=TOKEN
     std::string url() const;
 
