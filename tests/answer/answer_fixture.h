@@ -94,10 +94,16 @@ class AnswerTest : public DaemonTest {
     }
     // A whole message: the rings, the greeting, the recording (3 s), and the
     // hang-up kal-answer asks for after it, so that it cannot reach the
-    // next call. Returns the greeting's play command.
-    std::string leave_message(LineSimControl& line, const std::string& callerId) {
+    // next call. `digit` picks a mailbox at the greeting ("" leaves it in
+    // the default one). Returns the greeting's play command.
+    std::string leave_message(LineSimControl& line, const std::string& callerId,
+                              const std::string& digit = "") {
         const std::string greeting = ring_until_answered(line, callerId);
         EXPECT_THAT(greeting, StartsWith("ok P ")) << answer_log();
+        if (!digit.empty()) {
+            line.send("digits " + digit);
+            EXPECT_THAT(line.send("wait-command P 20"), StartsWith("ok P ")) << answer_log();
+        }
         EXPECT_THAT(line.send("wait-command R 20"), StartsWith("ok R ")) << answer_log();
         EXPECT_THAT(line.send("wait-command H 20"), StartsWith("ok H")) << answer_log();
         return greeting;

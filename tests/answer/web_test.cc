@@ -28,24 +28,13 @@ constexpr const char kTokenHeader[] = "X-Kal-Token";
 
 class WebTest : public AnswerTest {
   protected:
-    // A whole message; `digit` picks a mailbox at the greeting ("" leaves
-    // it in the default mailbox, 1).
-    void leave(LineSimControl& line, const std::string& callerId, const std::string& digit) {
-        ASSERT_THAT(ring_until_answered(line, callerId), StartsWith("ok P ")) << answer_log();
-        if (!digit.empty()) {
-            line.send("digits " + digit);
-            EXPECT_THAT(line.send("wait-command P 20"), StartsWith("ok P ")) << answer_log();
-        }
-        EXPECT_THAT(line.send("wait-command R 20"), StartsWith("ok R ")) << answer_log();
-        EXPECT_THAT(line.send("wait-command H 20"), StartsWith("ok H")) << answer_log();
-    }
     // kal-answer running, a message in mailbox 1 from a known number and one
     // in mailbox 2 from a withheld one, oldest first.
     std::vector<MessageInfo> two_messages(LineSimControl& line) {
         configure();
         start_answer();
-        leave(line, "5551234 JANE DOE", "");
-        leave(line, "", "2");
+        leave_message(line, "5551234 JANE DOE", "");
+        leave_message(line, "", "2");
         return messages_when(2);
     }
     // The address kalctl web prints: its port and token.
@@ -510,7 +499,7 @@ TEST_F(WebTest, InChromiumThePageListsPlaysAndDeletesMessagesAndShowsNewOnes) {
 
     // A new message reaches the open page by itself.
     step("leaving a third message");
-    leave(line, "5559876", "");
+    leave_message(line, "5559876", "");
     EXPECT_TRUE(browser.until("return document.querySelectorAll('.message').length === 3;"));
     browser.screenshot(KAL_TEST_ARTIFACTS_DIR "/web-page.png");
 

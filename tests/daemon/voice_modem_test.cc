@@ -9,7 +9,6 @@
 #include <sys/wait.h>
 
 #include <filesystem>
-#include <regex>
 
 #include "base/paths.h"
 #include "bus_client.h"
@@ -127,19 +126,6 @@ class VoiceModemDaemonTest : public DaemonTest {
             sd_bus_message_read(r.message.get(), "i", &t);
         return t;
     }
-    // The pid of the running line monitor, from the daemon's log.
-    pid_t monitor_pid() {
-        std::smatch m;
-        const std::string l = log();
-        static const std::regex fork_line(
-            "Successful fork of [^ ]*V253LineMonitor as pid ([0-9]+)");
-        pid_t pid = -1;
-        for (auto it = std::sregex_iterator(l.begin(), l.end(), fork_line);
-             it != std::sregex_iterator(); ++it)
-            pid = static_cast<pid_t>(std::stol((*it)[1]));
-        return pid;
-    }
-
     // How many sockets the daemon has open.
     int daemon_sockets() {
         const std::string dir = "/proc/" + std::to_string(daemon_->pid()) + "/fd/";
@@ -294,7 +280,7 @@ TEST_F(VoiceModemDaemonTest, UnpluggingMidRecordingReportsOnceAndLeavesNothing) 
     const std::string message = root_.path() + "/msg.raw";
     EXPECT_EQ(voicemail("vm-5", file("g.raw", std::string(800, '\x80')), message, {}).str(), kOK);
     expect_sim("wait-command AT+VRX");
-    const pid_t pid = monitor_pid();
+    const pid_t pid = line_monitor_pid(kSerial);
     ASSERT_GT(pid, 0);
     const int sockets_in_call = daemon_sockets();
     ports_.unplug(devnode_);

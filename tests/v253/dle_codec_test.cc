@@ -98,10 +98,4 @@ TEST(DleEscape, DoublesEveryDleAndNothingElse) {
     EXPECT_EQ(decode({v253::dle_escape(all)}).size(), 1u);
 }
 
-TEST(DleEscape, EndCodesAreTheLiteralBytes) {
-    EXPECT_EQ(std::string(v253::kEndOfPlay), "\x10\x03"s);
-    EXPECT_EQ(std::string(v253::kFlushPlay), "\x10\x18\x10\x03"s);
-    EXPECT_EQ(std::string(v253::kStopRecord), "\x10!"s);
-}
-
 }  // namespace
